@@ -1,0 +1,30 @@
+// Waiting for a condition with a limit, never for a fixed time.
+#ifndef QUARRIN_TESTS_WAIT_H
+#define QUARRIN_TESTS_WAIT_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <thread>
+
+inline void TEST_SleepMs(int32_t s32Ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(s32Ms));
+}
+
+/// Waits until the condition holds; false when it did not within s32Ms milliseconds.
+inline bool TEST_WaitFor(const std::function<bool()> &fnCondition, int32_t s32Ms = 5000)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(s32Ms);
+    while (!fnCondition())
+    {
+        if (std::chrono::steady_clock::now() >= deadline)
+        {
+            return fnCondition();
+        }
+        TEST_SleepMs(1);
+    }
+    return true;
+}
+
+#endif
