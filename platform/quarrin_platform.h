@@ -1,0 +1,44 @@
+// libquarrin_platform: the utility layer for an ordinary Linux system.
+//
+// Linking it gives a program BU_RunCmd, UTIL_LOG_Print and BSP_PrintLog. A program that defines one of the three itself
+// keeps its own, and can still call what stands behind the others.
+#ifndef QUARRIN_PLATFORM_H
+#define QUARRIN_PLATFORM_H
+
+extern "C"
+{
+
+    /// Sets which log lines reach standard error.
+    ///
+    /// A line is written when its level is not above the limit: 3 lets errors through, 4 warnings too, 6 everything
+    /// that libquarrin says. The limit is 6 until this is called.
+    ///
+    /// \param level  the limit; 0 or less silences every line, also the errors of QN_PLATFORM_RunCommand.
+    ///
+    /// Threads: any.
+    void QN_PLATFORM_SetLogLevel(int level);
+
+    /// Runs one shell command line and waits for it; what this library's BU_RunCmd does.
+    ///
+    /// The shell is bash, else busybox: their `echo` understands -e. Both are looked for in PATH and in /bin, /usr/bin
+    /// and /usr/local/bin. The command's standard input is empty, the sbin folders stand at the end of its PATH, and it
+    /// has a process group of its own, so that a Ctrl-C meant for the program does not tear a mkfs.
+    ///
+    /// The line "umount X; rm -rf X", X twice the same path, never reaches a shell. X that is no mount point is left
+    /// alone. Otherwise umount takes one mount off, and only when X has stopped being a mount point its directory is
+    /// removed, if it is empty. The text between is one path, blanks and all. Any other line that begins with umount
+    /// and goes on to an rm is refused.
+    ///
+    /// \param cmd  NUL-terminated command line; borrowed for the call.
+    ///
+    /// \return the exit status of the line, 128 + n when signal n ended it; 127 when cmd is null or no shell could be
+    ///         started; 1 when the umount line was refused or not carried out to its end. The reason goes to the log.
+    ///
+    /// Threads: any, also at the same time. It needs no SIGCHLD and minds no SIGCHLD handler: the host may ignore the
+    ///          signal or collect all children itself.
+    /// Blocks:  as long as the command runs.
+    int QN_PLATFORM_RunCommand(const char *cmd);
+
+} // extern "C"
+
+#endif

@@ -1,0 +1,157 @@
+// The unmount line: umount first, the directory only when it really is one again.
+//
+// By the letter "umount X; rm -rf X" deletes every file of a card that is still mounted, because it was busy or because
+// X never was a mount point. On the device that is intended; here X may be anybody's folder.
+// Threads: any. Locks: none; a mount that comes between the look and the removal makes rmdir fail.
+
+#include "unmount.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "log.h"
+#include "process.h"
+
+static const std::string UMOUNT_PART = "umount ";
+static const std::string REMOVE_PART = "; rm -rf ";
+
+// rm stands in the line as a word of its own; "/mnt/storm" does not count.
+static bool HasRemove(const std::string &strLine)
+{
+    for (size_t uAt = strLine.find("rm"); uAt != std::string::npos; uAt = strLine.find("rm", uAt + 1))
+    {
+        const bool bBegins = uAt > 0 && strchr(" \t\n;&|(/`\\\"'", strLine[uAt - 1]) != nullptr;
+        const bool bEnds = uAt + 2 < strLine.size() && strchr(" \t\n\"'", strLine[uAt + 2]) != nullptr;
+        if (bBegins && bEnds)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+PLATFORM_LINE_E PLATFORM_ClassifyLine(const std::string &strLine, std::string &strPath)
+{
+    const size_t uBegin = strLine.find_first_not_of(" \t\n");
+    if (uBegin == std::string::npos || strLine.compare(uBegin, 6, "umount") != 0)
+    {
+        return PLATFORM_LINE_ORDINARY;
+    }
+    // Both halves have one length, so X is known without looking for its end: it may hold blanks and semicolons.
+    const size_t uFixed = UMOUNT_PART.size() + REMOVE_PART.size();
+    const size_t uHalf = strLine.size() > uFixed ? (strLine.size() - uFixed) / 2 : 0;
+    const std::string strFirst = strLine.substr(std::min(UMOUNT_PART.size(), strLine.size()), uHalf);
+    if (uHalf > 0 && strLine == UMOUNT_PART + strFirst + REMOVE_PART + strFirst)
+    {
+        strPath = strFirst;
+        return PLATFORM_LINE_UNMOUNT;
+    }
+    return HasRemove(strLine) ? PLATFORM_LINE_DANGEROUS : PLATFORM_LINE_ORDINARY;
+}
+
+// The kernel writes blank, tab, newline and backslash of a path as \ and three octal digits.
+static std::string DecodeOctal(const std::string &strText)
+{
+    std::string strPlain;
+    for (size_t i = 0; i < strText.size(); ++i)
+    {
+        const bool bCode =
+            strText[i] == '\\' && i + 3 < strText.size() && strText.find_first_not_of("01234567", i + 1) > i + 3;
+        strPlain += bCode ? static_cast<char>(strtol(strText.substr(i + 1, 3).c_str(), nullptr, 8)) : strText[i];
+        i += bCode ? 3 : 0;
+    }
+    return strPlain;
+}
+
+bool PLATFORM_TableHasMount(const std::string &strTable, const std::string &strPath)
+{
+    std::istringstream table(strTable);
+    std::string strLine;
+    while (std::getline(table, strLine))
+    {
+        std::istringstream line(strLine);
+        std::string strColumn;
+        for (int32_t i = 0; i < 5; ++i) // id, parent, major:minor, root, mount point
+        {
+            line >> strColumn;
+        }
+        if (line && DecodeOctal(strColumn) == strPath)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+// bUnknown is the answer when the table cannot be read.
+static bool IsMountPoint(const std::string &strPath, bool bUnknown)
+{
+    std::ifstream file("/proc/self/mountinfo");
+    const std::string strTable((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (strTable.empty())
+    {
+        PLATFORM_LogError("cannot read /proc/self/mountinfo");
+        return bUnknown;
+    }
+    return PLATFORM_TableHasMount(strTable, strPath);
+}
+
+// The path as the kernel writes it. Only the folder above is resolved: the card itself may be gone and answer nothing.
+static bool ResolveMountPath(const std::string &strPath, std::string &strResolved)
+{
+    const size_t uLast = strPath.find_last_not_of('/');
+    const std::string strTrimmed = uLast == std::string::npos ? "" : strPath.substr(0, uLast + 1);
+    const size_t uSlash = strTrimmed.rfind('/');
+    const std::string strName = uSlash == std::string::npos ? strTrimmed : strTrimmed.substr(uSlash + 1);
+    if (strName.empty() || strName == "." || strName == "..")
+    {
+        return false;
+    }
+    const std::string strAbove = uSlash == std::string::npos ? "." : strTrimmed.substr(0, uSlash + 1);
+    char szAbove[PATH_MAX];
+    if (realpath(strAbove.c_str(), szAbove) == nullptr)
+    {
+        return false;
+    }
+    strResolved = std::string(strcmp(szAbove, "/") == 0 ? "" : szAbove) + "/" + strName;
+    return true;
+}
+
+int32_t PLATFORM_Unmount(const std::string &strPath)
+{
+    std::string strResolved;
+    if (!ResolveMountPath(strPath, strResolved) || !IsMountPoint(strResolved, false))
+    {
+        PLATFORM_LogError("\"%s\" is not a mount point: left alone", strPath.c_str());
+        return 1;
+    }
+    const std::vector<std::string> vecShell = PLATFORM_FindShell(PLATFORM_ShellFolders());
+    if (vecShell.empty())
+    {
+        PLATFORM_LogError("neither bash nor busybox is there to run umount");
+        return 1;
+    }
+    const int32_t s32Result = PLATFORM_RunArgs(vecShell, {"umount", strResolved});
+    if (IsMountPoint(strResolved, true))
+    {
+        PLATFORM_LogError("\"%s\" is still a mount point (umount ended with %d): everything stays", strPath.c_str(),
+                          s32Result);
+        return 1;
+    }
+    if (rmdir(strResolved.c_str()) != 0)
+    {
+        PLATFORM_LogError("\"%s\" is unmounted, but its directory stays: %s", strPath.c_str(), strerror(errno));
+        return 1;
+    }
+    return 0;
+}

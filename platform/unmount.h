@@ -1,0 +1,25 @@
+// The unmount line "umount X; rm -rf X", done without a shell and without the danger in it.
+// Threads: any. Locks: none.
+#ifndef QUARRIN_PLATFORM_UNMOUNT_H
+#define QUARRIN_PLATFORM_UNMOUNT_H
+
+#include <cstdint>
+#include <string>
+
+enum PLATFORM_LINE_E : int32_t
+{
+    PLATFORM_LINE_ORDINARY = 0,  ///< for the shell
+    PLATFORM_LINE_UNMOUNT = 1,   ///< "umount X; rm -rf X" with one X
+    PLATFORM_LINE_DANGEROUS = 2, ///< begins with umount, goes on to an rm, but is not that line
+};
+
+/// Says what a command line is; strPath is X of an unmount line and untouched otherwise.
+PLATFORM_LINE_E PLATFORM_ClassifyLine(const std::string &strLine, std::string &strPath);
+
+/// The path stands in the fifth column of a mount table in the form of /proc/self/mountinfo.
+bool PLATFORM_TableHasMount(const std::string &strTable, const std::string &strPath);
+
+/// Takes one mount off the path, and its directory when that leaves it an empty ordinary one. 0 or 1; says why.
+int32_t PLATFORM_Unmount(const std::string &strPath);
+
+#endif
