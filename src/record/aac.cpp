@@ -1,0 +1,34 @@
+// AAC: the AudioSpecificConfig that an ADTS header stands for.
+// Threads: any. Locks: none.
+
+#include "libquarrin/stream.h"
+
+#include <string>
+
+#include "util/log.h"
+
+static std::string HexOf(const unsigned char *pu8Data, uint32_t u32Len)
+{
+    std::string strText;
+    for (uint32_t i = 0; i < u32Len; ++i)
+    {
+        char szByte[8];
+        (void)snprintf(szByte, sizeof(szByte), "%02x ", static_cast<uint32_t>(pu8Data[i])); // three characters
+        strText += szByte;
+    }
+    return strText;
+}
+
+uint16_t AAC_GET_AUDIO_SPECIFIC_CONFIG(unsigned char *pu8Adts)
+{
+    QN_TRACE("Get ADTS: %s\n", HexOf(pu8Adts, 7).c_str());
+    // ISO/IEC 14496-3, 1.A.3.2: the fixed header.
+    const uint32_t u32ObjectType = (pu8Adts[2] >> 6) + 1u;
+    const uint32_t u32Index = (pu8Adts[2] >> 2) & 15u;
+    const uint32_t u32Channels = (pu8Adts[2] & 1u) << 2 | pu8Adts[3] >> 6;
+    QN_TRACE("Parse ADTS: t:%d s:%d c:%d\n", static_cast<int>(u32ObjectType), static_cast<int>(u32Index),
+             static_cast<int>(u32Channels));
+    const uint32_t u32Byte0 = u32ObjectType << 3 | u32Index >> 1;
+    const uint32_t u32Byte1 = (u32Index << 7 | u32Channels << 3) & 0xffu;
+    return static_cast<uint16_t>(u32Byte0 | u32Byte1 << 8);
+}
