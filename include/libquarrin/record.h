@@ -58,8 +58,12 @@ struct tagQN_AUTO_SPLIT_EVENT_S
     time_t tStart = 0;                           ///< when the file was begun
     time_t tEnd = 0;                             ///< when it was split off
 
-    int32_t s32Finish = 0;   ///< 0 to be finished, 1 being finished, 2 finished; the library's own
-    bool bPathTaken = false; ///< the path belongs to the next file already: close the writer only
+    // The library's own; zero in an event that somebody else made
+    int32_t s32Finish = 0;     ///< 0 to be finished, 1 being finished, 2 finished
+    bool bPathTaken = false;   ///< the path belongs to the next file already: only the writer is closed
+    bool bPathClaimed = false; ///< the path stands in the handle's list of files in progress
+    const tagQN_MEDIA_API_S *pstMediaApi = nullptr; ///< back end of the writer; null: the session's
+    std::string strNameTag;                         ///< name tag of the file, when pstMediaApi is set
 };
 
 /// Makes a session on a mounted card.

@@ -1,0 +1,89 @@
+// The event ring: four slots, any number of producers, one dispatcher.
+// Threads: any. Locks: mutexEvent only, a leaf; payloads are released outside it. Not here: what the events do
+// (dispatcher.cpp).
+
+#include "core/event_queue.h"
+
+#include "core/handle_private.h"
+
+namespace libquarrin
+{
+
+// The caller holds mutexEvent and has seen room. Hands back what the slot held, to be released without the lock.
+static std::shared_ptr<void> StoreLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent,
+                                         const std::shared_ptr<void> &spPayload)
+{
+    tagQN_EVENT_SLOT_S &stSlot = pHandle->astEventQueue[pHandle->u32EventTail];
+    std::shared_ptr<void> spOld = spPayload;
+    stSlot.enEvent = enEvent;
+    stSlot.spPayload.swap(spOld);
+    pHandle->u32EventCount += 1;
+    pHandle->u32EventTail = (pHandle->u32EventTail + 1) % QN_EVENT_SLOTS;
+    pthread_cond_broadcast(&pHandle->condEvent);
+    return spOld;
+}
+
+static bool IsDispatcherLocked(const tagQN_HANDLER_S *pHandle)
+{
+    const tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
+    return pPrivate->bDispatching && pthread_equal(pPrivate->tidDispatcher, pthread_self()) != 0;
+}
+
+bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload)
+{
+    std::shared_ptr<void> spOld; // released after the lock
+    UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    if (pHandle->bEventExit)
+    {
+        return true;
+    }
+    if (pHandle->u32EventCount < QN_EVENT_SLOTS)
+    {
+        spOld = StoreLocked(pHandle, enEvent, spPayload);
+        lock.reset();
+        return true;
+    }
+    if (IsDispatcherLocked(pHandle))
+    {
+        // A handler that waited for room here would wait for itself.
+        pHandle->pstPrivate->lstOwnEvents.push_back({enEvent, spPayload});
+        return true;
+    }
+    return false;
+}
+
+bool QN_EVENT_HasRoom(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    return pHandle->u32EventCount < QN_EVENT_SLOTS || pHandle->bEventExit;
+}
+
+void QN_EVENT_WaitForRoom(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    while (pHandle->u32EventCount >= QN_EVENT_SLOTS && !pHandle->bEventExit)
+    {
+        pthread_cond_wait(&pHandle->condEvent, &pHandle->mutexEvent);
+    }
+}
+
+int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::shared_ptr<void> spPayload)
+{
+    while (!QN_EVENT_TryPush(pHandle, enEvent, spPayload))
+    {
+        QN_EVENT_WaitForRoom(pHandle);
+    }
+    return 0;
+}
+
+void QN_EVENT_PushUnlocking(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
+                            UTIL_LOCK &lock)
+{
+    if (!QN_EVENT_TryPush(pHandle, enEvent, spPayload))
+    {
+        lock.reset();
+        (void)QN_EVENT_PushEvent(pHandle, enEvent, spPayload); // always 0
+    }
+}
+
+} // namespace libquarrin

@@ -1,0 +1,92 @@
+// Format worker: partition table, then file system, on a detached thread; the outcome goes back as an event.
+// Threads: QN_FORMAT_Start and _Detach on host threads, the rest on the worker's. Locks: mutexLink, held while posting,
+// so that the handle cannot go meanwhile.
+
+#include "core/storage_state.h"
+
+#include <memory>
+#include <new>
+#include <string>
+
+#include "core/handle_private.h"
+#include "libquarrin/events.h"
+#include "libquarrin/storage.h"
+#include "util/lock.h"
+#include "util/log.h"
+
+namespace libquarrin
+{
+
+/// What one worker needs; owned by its thread.
+struct tagQN_FORMAT_JOB_S
+{
+    std::shared_ptr<tagQN_FORMAT_LINK_S> spLink;
+    std::string strDevice;
+    QN_FS_TYPE_E enFsType;
+};
+
+// The one partition of a fresh table.
+constexpr int32_t FORMATTED_PARTITION = 1;
+
+static void Post(const tagQN_FORMAT_JOB_S &stJob, QN_EVENT_E enEvent)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
+    if (stJob.spLink->pHandle != nullptr)
+    {
+        (void)QN_EVENT_PushEvent(stJob.spLink->pHandle, enEvent, nullptr); // always 0
+    }
+}
+
+static void SetPartition(const tagQN_FORMAT_JOB_S &stJob)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
+    if (stJob.spLink->pHandle != nullptr)
+    {
+        __atomic_store_n(&stJob.spLink->pHandle->s32PartitionNo, FORMATTED_PARTITION, __ATOMIC_SEQ_CST);
+    }
+}
+
+// Kept: all four lines are information, the failures too, and carry this tag.
+static void Worker(void *pArg)
+{
+    constexpr const char *FUNC = "operator()";
+    const std::unique_ptr<tagQN_FORMAT_JOB_S> spJob(static_cast<tagQN_FORMAT_JOB_S *>(pArg));
+    int32_t s32Result = QN_STORAGE_MakePartitionTable(spJob->strDevice.c_str());
+    if (s32Result != 0)
+    {
+        QN_LOG_INFO_AS(FUNC, "make partition table failed: %d", s32Result);
+        Post(*spJob, QN_EVENT_E_FORMAT_FAILED);
+        return;
+    }
+    QN_LOG_INFO_AS(FUNC, "make partition table success");
+    SetPartition(*spJob);
+    s32Result = QN_STORAGE_MakePartitionFs(spJob->strDevice.c_str(), FORMATTED_PARTITION, spJob->enFsType);
+    if (s32Result != 0)
+    {
+        QN_LOG_INFO_AS(FUNC, "make partition fs failed: %d", s32Result);
+        Post(*spJob, QN_EVENT_E_FORMAT_FAILED);
+        return;
+    }
+    QN_LOG_INFO_AS(FUNC, "make partition fs success");
+    Post(*spJob, QN_EVENT_E_FORMAT_SUCCESS);
+}
+
+void QN_FORMAT_Start(tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)
+{
+    tagQN_FORMAT_JOB_S *pJob =
+        new (std::nothrow) tagQN_FORMAT_JOB_S{pHandle->pstPrivate->spFormatLink, pHandle->strDevice, enFsType};
+    // A worker that cannot be started leaves the state at formatting until the card is pulled.
+    if (pJob != nullptr && UTIL_THREAD_RunFuncAsync(Worker, pJob) != 0)
+    {
+        delete pJob;
+    }
+}
+
+void QN_FORMAT_Detach(tagQN_HANDLER_S *pHandle)
+{
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->spFormatLink;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
+    stLink.pHandle = nullptr;
+}
+
+} // namespace libquarrin

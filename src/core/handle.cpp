@@ -1,0 +1,182 @@
+// The handle: made and destroyed here; version and state queries; the byte buffer.
+// Threads: the host's. Locks: QN_Destroy takes the list mutexes, then mutexState with the card gate, one after another.
+
+#include "libquarrin/core.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "core/handle_private.h"
+#include "core/storage_state.h"
+#include "libquarrin/events.h"
+#include "libquarrin/hotplug.h"
+#include "libquarrin/quota.h"
+#include "libquarrin/replay.h"
+#include "libquarrin/storage.h"
+#include "record/session.h"
+#include "util/lock.h"
+#include "util/results.h"
+
+namespace libquarrin
+{
+
+const char *QN_LibVersion()
+{
+    return "1.0.0";
+}
+
+tagQN_BYTES QN_BYTES_dup(tagQN_BYTES stSrc)
+{
+    if (stSrc.u32Len == 0 || stSrc.pu8Data == nullptr)
+    {
+        return {nullptr, 0};
+    }
+    uint8_t *pu8Copy = static_cast<uint8_t *>(malloc(stSrc.u32Len));
+    if (pu8Copy == nullptr)
+    {
+        return {nullptr, 0};
+    }
+    memcpy(pu8Copy, stSrc.pu8Data, stSrc.u32Len);
+    return {pu8Copy, stSrc.u32Len};
+}
+
+void QN_BYTES_free(tagQN_BYTES &stBytes)
+{
+    if (stBytes.pu8Data != nullptr)
+    {
+        free(stBytes.pu8Data);
+        stBytes.pu8Data = nullptr;
+        stBytes.u32Len = 0;
+    }
+}
+
+uint32_t QN_GetState(tagQN_HANDLER_S *pHandle, QN_STATE_E *penState)
+{
+    if (pHandle == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+    *penState = pHandle->enState.load();
+    return QN_RET_OK;
+}
+
+uint32_t QN_GetStorageState(tagQN_HANDLER_S *pHandle, QN_STORAGE_STATE_E *penState)
+{
+    if (pHandle == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+    *penState = pHandle->enStorageState.load();
+    return QN_RET_OK;
+}
+
+static tagQN_HANDLER_PRIVATE_S *MakePrivate(tagQN_HANDLER_S *pHandle)
+{
+    tagQN_HANDLER_PRIVATE_S *pPrivate = new (std::nothrow) tagQN_HANDLER_PRIVATE_S();
+    if (pPrivate == nullptr)
+    {
+        return nullptr;
+    }
+    pthread_rwlockattr_t stAttr;
+    pthread_rwlockattr_init(&stAttr);
+#ifdef __GLIBC__
+    // An unmount must come to its turn also when several threads list folders without a break.
+    pthread_rwlockattr_setkind_np(&stAttr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+#endif
+    pthread_rwlock_init(&pPrivate->rwCard, &stAttr);
+    pthread_rwlockattr_destroy(&stAttr);
+    pPrivate->spFormatLink = std::make_shared<tagQN_FORMAT_LINK_S>();
+    pPrivate->spFormatLink->pHandle = pHandle;
+    return pPrivate;
+}
+
+uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle)
+{
+    if (pHandle != nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    tagQN_HANDLER_S *pNew = new (std::nothrow) tagQN_HANDLER_S();
+    if (pNew == nullptr)
+    {
+        return QN_RET_NO_MEMORY;
+    }
+    pNew->pstPrivate = MakePrivate(pNew);
+    if (pNew->pstPrivate == nullptr)
+    {
+        delete pNew;
+        return QN_RET_NO_MEMORY;
+    }
+    pHandle = pNew;
+    pHandle->strDevice = pParam->strDevice;
+    pHandle->s32PartitionNo = pParam->s32PartitionNo;
+    pHandle->pszMountPoint = pParam->pszMountPoint;
+    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
+    {
+        pHandle->astVolume[i] = pParam->astVolume[i];
+    }
+    (void)QN_EVENT_Init(pHandle); // failures of both show in the log and in the state
+    (void)QN_STORAGE_Init(pHandle);
+    return QN_RET_OK;
+}
+
+uint32_t QN_STORAGE_Destroy(tagQN_HANDLER_S *pHandle)
+{
+    (void)QN_STORAGE_QuotaDestroy(pHandle); // both always 0
+    (void)QN_STORAGE_HotplugDestroy(pHandle);
+    return QN_RET_OK;
+}
+
+static void DestroySessions(tagQN_HANDLER_S *pHandle)
+{
+    UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+    while (!pHandle->lstRecord.empty())
+    {
+        QN_RECORD_DestroySession(pHandle->lstRecord.front(), false, &lock);
+        pHandle->lstRecord.pop_front();
+    }
+}
+
+static void CloseReplays(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
+    for (tagQN_REPLAY_HANDLER_S *pReplay : pHandle->lstReplay)
+    {
+        (void)QN_ReplayClose(pReplay, 0); // 0 for every replay that exists
+    }
+    pHandle->lstReplay.clear();
+}
+
+uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
+{
+    if (pHandle == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    if (!pHandle->stEventThread.bStarted)
+    {
+        pHandle->bEventExit = true; // nobody will ever make room in the ring: let posts be dropped
+    }
+    DestroySessions(pHandle);
+    CloseReplays(pHandle);
+    QN_FORMAT_Detach(pHandle);
+    QN_STORAGE_UnmountAtEnd(pHandle);
+    (void)QN_STORAGE_Destroy(pHandle); // both always 0
+    (void)QN_EVENT_Destroy(pHandle);
+
+    pthread_rwlock_destroy(&pHandle->pstPrivate->rwCard);
+    delete pHandle->pstPrivate;
+    pthread_cond_destroy(&pHandle->condEvent);
+    pthread_mutex_destroy(&pHandle->mutexEvent);
+    pthread_mutex_destroy(&pHandle->mutexState);
+    pthread_mutex_destroy(&pHandle->mutexRecordList);
+    pthread_mutex_destroy(&pHandle->mutexReplayList);
+    delete pHandle;
+    pHandle = nullptr;
+    return QN_RET_OK;
+}
+
+} // namespace libquarrin

@@ -1,0 +1,62 @@
+// What a handle and a session hold beyond their public fields.
+//
+// Lock order, outermost first: mutexState; rwCard; a list's mutex; a session's stMutex; its mutexWriter; mutexFiles or
+// mutexEvent, both leaves. Nothing of it is held while a caller waits for room in the event ring.
+#ifndef QUARRIN_CORE_HANDLE_PRIVATE_H
+#define QUARRIN_CORE_HANDLE_PRIVATE_H
+
+#include <list>
+#include <memory>
+#include <pthread.h>
+#include <string>
+
+#include "libquarrin/handle.h"
+#include "libquarrin/record.h"
+
+namespace libquarrin
+{
+
+/// The way of a format worker back to its handle; it outlives both.
+struct tagQN_FORMAT_LINK_S
+{
+    pthread_mutex_t mutexLink = PTHREAD_MUTEX_INITIALIZER; ///< guards pHandle; held while the worker posts
+    tagQN_HANDLER_S *pHandle = nullptr;                    ///< null once the handle is being destroyed
+};
+
+struct tagQN_HANDLER_PRIVATE_S
+{
+    /// The card gate. Shared: whoever opens a file, walks a folder or runs a command below the mount point.
+    /// Exclusive: whoever runs the unmount line, until enState tells it. So umount never finds the card busy by us,
+    /// and nobody opens a file on a card that is going. Not nested: a waiting unmount goes first.
+    pthread_rwlock_t rwCard;
+
+    // Guarded by mutexFiles, a leaf lock
+    pthread_mutex_t mutexFiles = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a split-off file was finished
+    std::list<std::string> lstWriting;                              ///< paths of files in progress
+    std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
+
+    // Guarded by mutexEvent
+    bool bDispatching = false;                  ///< a handler runs
+    pthread_t tidDispatcher = 0;                ///< on this thread
+    std::list<tagQN_EVENT_SLOT_S> lstOwnEvents; ///< posted by handlers into a full ring; they take the next free slots
+
+    std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
+};
+
+struct tagQN_RECORD_PRIVATE_S
+{
+    /// Guards pWriter and the calls on it against QN_REcordGetWriteBytes, which holds nothing else.
+    pthread_mutex_t mutexWriter = PTHREAD_MUTEX_INITIALIZER;
+
+    // Guarded by the session's stMutex
+    uint32_t u32Waiting = 0;                               ///< frame calls that wait for ring room without stMutex
+    pthread_cond_t condWaiting = PTHREAD_COND_INITIALIZER; ///< one of them came back
+    bool bPathClaimed = false;                             ///< strFilePath stands in lstWriting for this session
+
+    bool bOwnsParameterSets = false; ///< constant after QN_RecordInit
+};
+
+} // namespace libquarrin
+
+#endif

@@ -1,0 +1,129 @@
+// Storage state machine, the event thread's side: what hotplug, mount and format events do.
+// Threads: the event thread. Locks: mutexState; in a hot-unplug then the card gate, the lists' mutexes and the sessions'.
+
+#include "libquarrin/events.h"
+
+#include "core/handle_private.h"
+#include "core/storage_state.h"
+#include "libquarrin/quota.h"
+#include "libquarrin/replay.h"
+#include "libquarrin/storage.h"
+#include "record/split_files.h"
+#include "util/lock.h"
+#include "util/log.h"
+
+namespace libquarrin
+{
+
+// Mounts the handle's partition; the caller holds mutexState and logs under its own name.
+static bool MountLocked(tagQN_HANDLER_S *pHandle, const char *pszFunc)
+{
+    if (QN_STORAGE_PartitionMount(pHandle->strDevice.c_str(), QN_STORAGE_PartitionNo(pHandle),
+                                  pHandle->pszMountPoint.c_str()) != 0)
+    {
+        QN_LOG_ERROR_AS(pszFunc, "Mount %s failed!", pHandle->pszMountPoint.c_str());
+        pHandle->enState = QN_STATE_E_PLUGIN;
+        return false;
+    }
+    pHandle->enState = QN_STATE_E_MOUNTED;
+    return true;
+}
+
+int32_t QN_EVENT_HandleHotplugIn(tagQN_HANDLER_S *pHandle)
+{
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+        if (QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) != 0)
+        {
+            QN_LOG_ERROR("OOPs, trigger hotplug-in event but device %s not found!", pHandle->strDevice.c_str());
+            pHandle->enState = QN_STATE_E_UNPLUGIN;
+            return 0;
+        }
+        if (QN_STORAGE_CheckPartitionExist(pHandle->strDevice.c_str(), QN_STORAGE_PartitionNo(pHandle)) != 0)
+        {
+            QN_LOG_ERROR("partition not found!");
+            pHandle->enState = QN_STATE_E_PLUGIN;
+            return 0;
+        }
+        if (!MountLocked(pHandle, __func__))
+        {
+            return 0;
+        }
+    }
+    return QN_EVENT_PushEvent(pHandle, QN_EVENT_E_MOUNT_DONE, nullptr);
+}
+
+// Kept: sessions are not closed here; they drop frames until the host stops them.
+static void StopSessions(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+    for (tagQN_RECORD_HANDLER_S *pSession : pHandle->lstRecord)
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+        pSession->enRecordState = QN_RECORD_STATE_STOPPING;
+    }
+}
+
+static void CloseReaders(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
+    for (tagQN_REPLAY_HANDLER_S *pReplay : pHandle->lstReplay)
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplay->mutexReplay);
+        if (pReplay->pReader != nullptr && pReplay->pstMediaApi->pfnReadClose != nullptr)
+        {
+            (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader); // the card is gone
+        }
+        pReplay->pReader = nullptr;
+    }
+}
+
+int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+    const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
+    StopSessions(pHandle);
+    CloseReaders(pHandle);
+    // Their writers are closed before umount looks; no session can split off another one now.
+    QN_SPLIT_FinishAll(pHandle, nullptr);
+    (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // the card is gone either way
+    (void)QN_STORAGE_QuotaDestroy(pHandle);                            // always 0
+    pHandle->enState = QN_STATE_E_UNPLUGIN;
+    return 0;
+}
+
+int32_t QN_EVENT_HandleMountDone(tagQN_HANDLER_S *pHandle)
+{
+    return QN_STORAGE_QuotaInit(pHandle);
+}
+
+int32_t QN_EVENT_HandleFormatSuccess(tagQN_HANDLER_S *pHandle)
+{
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+        if (pHandle->enState.load() != QN_STATE_E_FORMATING)
+        {
+            QN_LOG_ERROR("OOPs, trigger format-success event but not in FORMATING!");
+            return 0;
+        }
+        if (!MountLocked(pHandle, __func__))
+        {
+            return 0;
+        }
+    }
+    return QN_EVENT_PushEvent(pHandle, QN_EVENT_E_MOUNT_DONE, nullptr);
+}
+
+int32_t QN_EVENT_HandleFormatFailed(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+    if (pHandle->enState.load() != QN_STATE_E_FORMATING)
+    {
+        QN_LOG_ERROR("OOPs, trigger format-failed event but not in FORMATING!");
+        return 0;
+    }
+    pHandle->enState = QN_STATE_E_PLUGIN;
+    return 0;
+}
+
+} // namespace libquarrin

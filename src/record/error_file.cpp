@@ -1,0 +1,68 @@
+// Moving a damaged file aside.
+// Threads: the host's. Locks: the card gate, shared, while the command runs.
+
+#include <string>
+
+#include "core/handle_private.h"
+#include "libquarrin/record.h"
+#include "util/lock.h"
+#include "util/log.h"
+#include "util/results.h"
+
+namespace libquarrin
+{
+
+constexpr size_t COMMAND_BYTES = 511; // Kept: a longer command is cut here
+
+// Inside double quotes the shell gives these four a meaning of their own.
+static std::string Quoted(const std::string &strName)
+{
+    std::string strQuoted;
+    for (const char c : strName)
+    {
+        if (c == '"' || c == '$' || c == '`' || c == '\\')
+        {
+            strQuoted += '\\';
+        }
+        strQuoted += c;
+    }
+    return strQuoted;
+}
+
+uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const char *pszFileName)
+{
+    if (pHandle == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    // The gate: a command that still runs below the mount point would keep the card busy.
+    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const QN_STATE_E enState = pHandle->enState.load();
+    if (enState != QN_STATE_E_MOUNTED)
+    {
+        QN_LOG_ERROR("storage not mounted, state=%d", static_cast<int>(enState));
+        return QN_RET_STATE;
+    }
+    if (enVolume < QN_VOLUME_ID_E_0 || enVolume > QN_VOLUME_ID_E_2 || pHandle->astVolume[enVolume].bEnable == 0)
+    {
+        QN_LOG_ERROR("volume %d not enabled", static_cast<int>(enVolume));
+        return QN_RET_STATE;
+    }
+    if (pszFileName == nullptr)
+    {
+        return QN_RET_NULL_PARAM;
+    }
+    const std::string strName = pszFileName;
+    const std::string strBase = strName.substr(0, strName.find('.'));
+    const std::string strFolder = pHandle->pszMountPoint + "/" + pHandle->astVolume[enVolume].pszFolder + "/";
+    std::string strCommand =
+        "mv \"" + strFolder + Quoted(strName) + "\" \"" + strFolder + Quoted(strBase) + ".To.temp.ts\"";
+    if (strCommand.size() > COMMAND_BYTES)
+    {
+        strCommand.resize(COMMAND_BYTES);
+    }
+    QN_TRACE("volume_abs_path==%s\n", strCommand.c_str());
+    return static_cast<uint32_t>(BU_RunCmd(strCommand.c_str()));
+}
+
+} // namespace libquarrin

@@ -1,0 +1,122 @@
+// Finishing of files: the writer is closed, the file is removed or gets its final name.
+// Threads: the host's for a stop, the event thread's for a split. Locks: none taken; a stop comes with stMutex held.
+
+#include "record/finish.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include <sys/stat.h>
+
+#include "libquarrin/naming.h"
+#include "util/log.h"
+#include "util/results.h"
+
+namespace libquarrin
+{
+
+constexpr double SHORTEST_SECONDS = 5.0;
+
+/// Everything that finishing reads of a session and its handle.
+struct tagQN_FINISH_S
+{
+    const char *pszFunc; ///< name in the printed lines
+    const tagQN_MEDIA_API_S *pstMediaApi;
+    std::string strMountPoint;
+    std::string strFolder;
+    std::string strNameTag;
+    const char *pszExt;
+    bool bPathTaken; ///< the path belongs to another file already
+};
+
+static tagQN_FINISH_S CopyOf(const tagQN_RECORD_HANDLER_S *pSession, const char *pszFunc)
+{
+    const tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    return {pszFunc,
+            pSession->pstMediaApi,
+            pHandle->pszMountPoint,
+            pHandle->astVolume[pSession->enVolumeId].pszFolder,
+            pSession->strNameTag,
+            QN_STORAGE_FmtType2FileExt(pSession->stParam.enFormat),
+            false};
+}
+
+static void RemoveFile(const tagQN_FINISH_S &stFinish, const std::string &strPath)
+{
+    if (!stFinish.bPathTaken)
+    {
+        (void)remove(strPath.c_str()); // a file that is gone already is gone
+    }
+}
+
+static bool IsEmpty(const std::string &strPath)
+{
+    struct stat stStat = {};
+    return stat(strPath.c_str(), &stStat) == 0 && stStat.st_size == 0;
+}
+
+static uint32_t Finish(const tagQN_FINISH_S &stFinish, void *pWriter, const std::string &strPath, time_t tStart,
+                       time_t tEnd)
+{
+    if (stFinish.pstMediaApi->pfnWriteClose != nullptr)
+    {
+        (void)stFinish.pstMediaApi->pfnWriteClose(pWriter); // what is on the card by now is all there is
+    }
+    if (difftime(tEnd, tStart) < SHORTEST_SECONDS)
+    {
+        RemoveFile(stFinish, strPath);
+        QN_TRACE("[%s:%d] remove %s ,time is less 5s\n", stFinish.pszFunc, __LINE__, strPath.c_str());
+        return QN_RET_OK;
+    }
+    if (IsEmpty(strPath))
+    {
+        RemoveFile(stFinish, strPath);
+        QN_TRACE("[%s:%d] remove %s ,size is zero\n", stFinish.pszFunc, __LINE__, strPath.c_str());
+        return QN_RET_OK;
+    }
+    const std::string strFinal =
+        QN_STORAGE_GenerateRecordFile(stFinish.strMountPoint.c_str(), stFinish.strFolder.c_str(), tStart, tEnd,
+                                      stFinish.strNameTag.c_str(), stFinish.pszExt);
+    (void)rename(strPath.c_str(), strFinal.c_str()); // the file keeps its in-progress name, and stays listed
+    QN_TRACE("[%s:%d] rename %s -> %s\n", stFinish.pszFunc, __LINE__, strPath.c_str(), strFinal.c_str());
+    return QN_RET_OK;
+}
+
+uint32_t QN_RecordClosePostProcess(tagQN_RECORD_HANDLER_S *pSession, void *pWriter, const std::string &strFilePath,
+                                   time_t tStart, time_t tEnd)
+{
+    if (pWriter == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    return Finish(CopyOf(pSession, __func__), pWriter, strFilePath, tStart, tEnd);
+}
+
+uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *pWriter, const std::string &strFilePath,
+                                       time_t tStart, time_t tEnd)
+{
+    if (pWriter == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    const std::string strPath = strFilePath; // a private copy, as of all the rest
+    return Finish(CopyOf(pSession, __func__), pWriter, strPath, tStart, tEnd);
+}
+
+uint32_t QN_FINISH_SplitFile(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
+{
+    if (stEvent.pWriter == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    tagQN_FINISH_S stFinish = CopyOf(stEvent.pstRecord, "QN_RecordClosePostProcess");
+    if (stEvent.pstMediaApi != nullptr)
+    {
+        stFinish.pstMediaApi = stEvent.pstMediaApi;
+        stFinish.strNameTag = stEvent.strNameTag;
+    }
+    stFinish.bPathTaken = stEvent.bPathTaken;
+    return Finish(stFinish, stEvent.pWriter, stEvent.strFilePath, stEvent.tStart, stEvent.tEnd);
+}
+
+} // namespace libquarrin

@@ -1,0 +1,204 @@
+// The road of one frame: state and key-frame filter, split, write, quota event.
+// Threads: the host's, any number per session. Locks: stMutex, then mutexWriter around the writer; both are let go of
+// while the call waits for ring room, since the hot-unplug handler that would make room wants stMutex.
+
+#include <cstdio>
+#include <ctime>
+
+#include "core/event_queue.h"
+#include "core/handle_private.h"
+#include "record/session.h"
+#include "record/split_files.h"
+#include "storage/writing_files.h"
+#include "util/lock.h"
+#include "util/log.h"
+#include "util/results.h"
+
+namespace libquarrin
+{
+
+/// One call of the host.
+struct tagQN_FRAME_S
+{
+    const unsigned char *pu8Data;
+    uint32_t u32Len;
+    uint64_t u64Pts;
+    bool bKey;
+    bool bVideo;
+    bool bAnnounced; ///< the split line of this call was printed
+};
+
+enum QN_SPLIT_E : int32_t
+{
+    QN_SPLIT_E_DONE,      ///< the frame belongs to a new file
+    QN_SPLIT_E_NOT_NOW,   ///< the new name is taken: the next key frame tries again
+    QN_SPLIT_E_RING_FULL, ///< nothing was done
+};
+
+// A file begins with a video key frame, or with an audio frame marked key in a session without video.
+static bool MayBeginFile(const tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
+{
+    return stFrame.bKey && (pSession->stParam.stVideo.bEnable == 0 || stFrame.bVideo);
+}
+
+// False: the frame is dropped. An awaited key frame sets the session running.
+static bool AcceptLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame, time_t tNow)
+{
+    switch (pSession->enRecordState.load())
+    {
+    case QN_RECORD_STATE_RUNNING:
+        return true;
+    case QN_RECORD_STATE_WAIT_KEY:
+    case QN_RECORD_STATE_RESUMED:
+        if (!MayBeginFile(pSession, stFrame))
+        {
+            return false;
+        }
+        pSession->tRunStart = tNow;
+        pSession->enRecordState = QN_RECORD_STATE_RUNNING;
+        return true;
+    default:
+        return false;
+    }
+}
+
+static bool IsSplitDueLocked(const tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame, time_t tNow)
+{
+    const uint32_t u32Seconds = static_cast<uint32_t>(tNow - pSession->tRunStart) + pSession->u32RunSeconds;
+    return pSession->stParam.bAutoSplit != 0 && u32Seconds >= pSession->stParam.u32SplitSeconds &&
+           MayBeginFile(pSession, stFrame);
+}
+
+static std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> MakeEventLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow,
+                                                                 bool bSamePath)
+{
+    auto spEvent = std::make_shared<tagQN_AUTO_SPLIT_EVENT_S>();
+    spEvent->pstRecord = pSession;
+    spEvent->pWriter = pSession->pWriter;
+    spEvent->strFilePath = pSession->strFilePath;
+    spEvent->tStart = pSession->tFileStart;
+    spEvent->tEnd = tNow;
+    spEvent->bPathTaken = bSamePath;
+    spEvent->bPathClaimed = pSession->pstPrivate->bPathClaimed && !bSamePath;
+    spEvent->pstMediaApi = pSession->pstMediaApi;
+    spEvent->strNameTag = pSession->strNameTag;
+    return spEvent;
+}
+
+static void AnnounceSplit(tagQN_FRAME_S &stFrame)
+{
+    if (!stFrame.bAnnounced)
+    {
+        stFrame.bAnnounced = true;
+        QN_TRACE("[%s:%d] split before pts=%lld len=%d bVideo=%d\n", "QN_RecordWriteFrame", __LINE__,
+                 static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32Len), stFrame.bVideo ? 1 : 0);
+    }
+}
+
+// Hands the old writer to the event and opens the next file. Locks held: stMutex.
+static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, const std::string &strNewPath)
+{
+    const bool bSamePath = strNewPath == pSession->strFilePath;
+    // From the post on the old writer is not ours: nobody may ask it for its bytes.
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
+    const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> spEvent = MakeEventLocked(pSession, tNow, bSamePath);
+    QN_SPLIT_Add(pSession->pstHandle, spEvent);
+    if (!QN_EVENT_TryPush(pSession->pstHandle, QN_EVENT_E_RECORD_AUTO_SPLIT, spEvent))
+    {
+        QN_SPLIT_Remove(pSession->pstHandle, spEvent);
+        return false;
+    }
+    if (bSamePath)
+    {
+        // The old file ends in the second of its begin and would be removed as too short: its name goes to the new one.
+        (void)remove(pSession->strFilePath.c_str());
+    }
+    pSession->tFileStart = tNow;
+    pSession->tRunStart = tNow;
+    pSession->u32RunSeconds = 0;
+    pSession->strFilePath = strNewPath;
+    pSession->pstPrivate->bPathClaimed = true;
+    // Kept: a file that cannot be opened is not reported; its frames are lost until the next split.
+    pSession->pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, strNewPath.c_str());
+    return true;
+}
+
+static QN_SPLIT_E SplitLocked(tagQN_RECORD_HANDLER_S *pSession, tagQN_FRAME_S &stFrame, time_t tNow)
+{
+    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    if (!QN_EVENT_HasRoom(pHandle))
+    {
+        return QN_SPLIT_E_RING_FULL;
+    }
+    const std::string strNewPath = QN_RECORD_PathLocked(pSession, tNow);
+    const bool bSamePath = strNewPath == pSession->strFilePath;
+    if (!bSamePath && !QN_WRITING_Claim(pHandle, strNewPath))
+    {
+        return QN_SPLIT_E_NOT_NOW;
+    }
+    AnnounceSplit(stFrame);
+    if (!SwapFilesLocked(pSession, tNow, strNewPath))
+    {
+        if (!bSamePath)
+        {
+            QN_WRITING_Release(pHandle, strNewPath);
+        }
+        return QN_SPLIT_E_RING_FULL;
+    }
+    return QN_SPLIT_E_DONE;
+}
+
+// Lets go of the session until the ring has room. A destroy meanwhile waits for this call to come back.
+static void WaitForRoom(tagQN_RECORD_HANDLER_S *pSession, UTIL_LOCK &lock)
+{
+    tagQN_RECORD_PRIVATE_S *pPrivate = pSession->pstPrivate;
+    pPrivate->u32Waiting += 1;
+    lock.reset();
+    QN_EVENT_WaitForRoom(pSession->pstHandle);
+    lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    pPrivate->u32Waiting -= 1;
+    pthread_cond_broadcast(&pPrivate->condWaiting);
+}
+
+static void WriteLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
+    (void)pSession->pstMediaApi->pfnWriteFrame(pSession->pWriter, stFrame.pu8Data, stFrame.u32Len, stFrame.u64Pts,
+                                               stFrame.bKey, stFrame.bVideo); // shows in the bytes and the state
+}
+
+uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu8Data, uint32_t u32Len, uint64_t u64Pts,
+                             tagBU_BOOL bKey, tagBU_BOOL bVideo)
+{
+    if (pSession == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    if (pu8Data == nullptr)
+    {
+        return QN_RET_NULL_PARAM;
+    }
+    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    tagQN_FRAME_S stFrame = {pu8Data, u32Len, u64Pts, bKey != 0, bVideo != 0, false};
+    time_t tNow = time(nullptr);
+    UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    for (;;)
+    {
+        if (!AcceptLocked(pSession, stFrame, tNow) || pHandle->enStorageState.load() == QN_STORAGE_STATE_E_FULL)
+        {
+            return QN_RET_OK;
+        }
+        if (!IsSplitDueLocked(pSession, stFrame, tNow) || SplitLocked(pSession, stFrame, tNow) != QN_SPLIT_E_RING_FULL)
+        {
+            break;
+        }
+        WaitForRoom(pSession, lock);
+        tNow = time(nullptr); // state, writer and split are looked at anew
+    }
+    WriteLocked(pSession, stFrame);
+    const auto spVolume = std::make_shared<QN_VOLUME_ID_E>(pSession->enVolumeId);
+    QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume, lock);
+    return QN_RET_OK;
+}
+
+} // namespace libquarrin

@@ -1,0 +1,272 @@
+// Record sessions: made, started, paused, resumed, stopped, measured.
+// Threads: the host's. Locks: a session's stMutex; the card gate, shared, around a start; mutexWriter as a leaf around
+// the writer. Not here: destroying (session_destroy.cpp), frames (frame.cpp), finishing files (finish.cpp).
+
+#include "record/session.h"
+
+#include <new>
+
+#include <time.h>
+#include <unistd.h>
+
+#include "core/handle_private.h"
+#include "libquarrin/naming.h"
+#include "storage/writing_files.h"
+#include "util/lock.h"
+#include "util/log.h"
+#include "util/results.h"
+
+namespace libquarrin
+{
+
+// A start whose name is taken waits for the next second; a clock that stands still must not hold it for good.
+constexpr useconds_t NAME_PAUSE_US = 10000;
+constexpr int64_t NAME_TRIES = 300;
+
+static tagQN_RECORD_HANDLER_S *Allocate()
+{
+    tagQN_RECORD_HANDLER_S *pSession = new (std::nothrow) tagQN_RECORD_HANDLER_S();
+    if (pSession == nullptr)
+    {
+        return nullptr;
+    }
+    pSession->pstPrivate = new (std::nothrow) tagQN_RECORD_PRIVATE_S();
+    if (pSession->pstPrivate == nullptr)
+    {
+        delete pSession;
+        return nullptr;
+    }
+    return pSession;
+}
+
+static bool IsAccepted(const tagQN_HANDLER_S *pHandle, QN_FILE_FMT_E enFormat)
+{
+    constexpr const char *FUNC = "QN_RecordInit";
+    if (enFormat > QN_FILE_FMT_E_MOV) // Kept: a negative value passes, and records Matroska
+    {
+        QN_LOG_ERROR_AS(FUNC, "Unsupport file format=%d for init record", static_cast<int>(enFormat));
+        return false;
+    }
+    if (pHandle->astVolume[QN_VOLUME_ID_E_0].bEnable == 0)
+    {
+        QN_LOG_ERROR_AS(FUNC, "Storage Volume for format=%d not init.", static_cast<int>(enFormat));
+        return false;
+    }
+    return true;
+}
+
+uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pParam, tagQN_RECORD_HANDLER_S *&pSession)
+{
+    if (pHandle == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    if (pParam == nullptr)
+    {
+        return QN_RET_NULL_PARAM;
+    }
+    if (pSession != nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    if (pHandle->enState.load() != QN_STATE_E_MOUNTED)
+    {
+        return QN_RET_STATE;
+    }
+    tagQN_RECORD_HANDLER_S *pNew = Allocate();
+    if (pNew == nullptr)
+    {
+        return QN_RET_NO_MEMORY;
+    }
+    if (!IsAccepted(pHandle, pParam->enFormat))
+    {
+        delete pNew->pstPrivate;
+        delete pNew;
+        return QN_RET_OK; // Kept: hosts look at the session, which stays null
+    }
+    pNew->enVolumeId = QN_VOLUME_ID_E_0;
+    pNew->pstMediaApi = &qn_media_api_ffmpeg;
+    pNew->stParam = *pParam;
+    if (pParam->stVideo.bEnable != 0)
+    {
+        pNew->stParam.stVideo.stSps = QN_BYTES_dup(pParam->stVideo.stSps);
+        pNew->stParam.stVideo.stPps = QN_BYTES_dup(pParam->stVideo.stPps);
+        pNew->pstPrivate->bOwnsParameterSets = true;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+    pNew->pstHandle = pHandle;
+    pHandle->lstRecord.push_back(pNew);
+    pSession = pNew;
+    return QN_RET_OK;
+}
+
+std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t tStart)
+{
+    const tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    return QN_STORAGE_GenerateRecordingFile(
+        pHandle->pszMountPoint.c_str(), pHandle->astVolume[pSession->enVolumeId].pszFolder.c_str(), tStart,
+        pSession->strNameTag.c_str(), QN_STORAGE_FmtType2FileExt(pSession->stParam.enFormat));
+}
+
+void *QN_RECORD_TakeWriterLocked(tagQN_RECORD_HANDLER_S *pSession)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
+    void *pWriter = pSession->pWriter;
+    pSession->pWriter = nullptr;
+    return pWriter;
+}
+
+static void ReleasePathLocked(tagQN_RECORD_HANDLER_S *pSession)
+{
+    if (pSession->pstPrivate->bPathClaimed)
+    {
+        pSession->pstPrivate->bPathClaimed = false;
+        QN_WRITING_Release(pSession->pstHandle, pSession->strFilePath);
+    }
+}
+
+// Opens the first file under the name that the caller has claimed. Locks held: card gate, stMutex.
+static uint32_t OpenFirstFileLocked(tagQN_RECORD_HANDLER_S *pSession)
+{
+    void *pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, pSession->strFilePath.c_str());
+    if (pWriter == nullptr)
+    {
+        ReleasePathLocked(pSession);
+        return QN_RET_OPEN;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
+    pSession->pWriter = pWriter;
+    pSession->enRecordState = QN_RECORD_STATE_WAIT_KEY;
+    QN_LOG_INFO_AS("QN_RecordStart", "record start");
+    return QN_RET_OK;
+}
+
+// One try at a start. False: another file in progress has the name of this second.
+static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag, bool bFirstTry, uint32_t &u32Result)
+{
+    constexpr const char *FUNC = "QN_RecordStart";
+    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    // The gate: nobody opens a file on a card whose unmount has begun.
+    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    u32Result = QN_RET_STATE;
+    if (pHandle->enState.load() != QN_STATE_E_MOUNTED)
+    {
+        QN_LOG_ERROR_AS(FUNC, "Cannot start record, storage is not mounted");
+        return true;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    if (pSession->enRecordState.load() != QN_RECORD_STATE_IDLE)
+    {
+        return true;
+    }
+    if (bFirstTry)
+    {
+        QN_LOG_INFO_AS(FUNC, "record opening...");
+    }
+    ReleasePathLocked(pSession);
+    pSession->tFileStart = time(nullptr);
+    pSession->tRunStart = 0;
+    pSession->u32RunSeconds = 0;
+    pSession->strNameTag = pszNameTag == nullptr ? "" : pszNameTag;
+    pSession->strFilePath = QN_RECORD_PathLocked(pSession, pSession->tFileStart);
+    if (!QN_WRITING_Claim(pHandle, pSession->strFilePath))
+    {
+        return false;
+    }
+    pSession->pstPrivate->bPathClaimed = true;
+    u32Result = OpenFirstFileLocked(pSession);
+    return true;
+}
+
+uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag)
+{
+    if (pSession == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    uint32_t u32Result = QN_RET_OK;
+    for (int64_t i = 0; i < NAME_TRIES; ++i)
+    {
+        if (TryStart(pSession, pszNameTag, i == 0, u32Result))
+        {
+            return u32Result;
+        }
+        usleep(NAME_PAUSE_US); // holding no lock
+    }
+    QN_LOG_ERROR("another recording has the name of this second, and the clock stands still");
+    return QN_RET_OPEN;
+}
+
+uint32_t QN_RecordPause(tagQN_RECORD_HANDLER_S *pSession)
+{
+    if (pSession == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    const QN_RECORD_STATE_E enState = pSession->enRecordState.load();
+    if (enState != QN_RECORD_STATE_WAIT_KEY && enState != QN_RECORD_STATE_RUNNING)
+    {
+        return QN_RET_STATE;
+    }
+    pSession->enRecordState = QN_RECORD_STATE_PAUSED;
+    // Kept: before the first key frame tRunStart is 0, so the whole time since 1970 counts, and the next file begins
+    // with the first key frame after the resume.
+    pSession->u32RunSeconds += static_cast<uint32_t>(time(nullptr) - pSession->tRunStart);
+    return QN_RET_OK;
+}
+
+uint32_t QN_RecordResume(tagQN_RECORD_HANDLER_S *pSession)
+{
+    if (pSession == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    if (pSession->enRecordState.load() != QN_RECORD_STATE_PAUSED)
+    {
+        return QN_RET_STATE;
+    }
+    pSession->enRecordState = QN_RECORD_STATE_RESUMED;
+    return QN_RET_OK;
+}
+
+uint32_t QN_RecordStopNoLock(tagQN_RECORD_HANDLER_S *pSession, tagBU_BOOL bLock)
+{
+    if (pSession == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    UTIL_LOCK lock(nullptr, pthread_mutex_unlock);
+    if (bLock != 0)
+    {
+        lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    }
+    pSession->enRecordState = QN_RECORD_STATE_STOPPING;
+    void *pWriter = QN_RECORD_TakeWriterLocked(pSession);
+    if (pWriter != nullptr)
+    {
+        (void)QN_RecordClosePostProcess(pSession, pWriter, pSession->strFilePath, pSession->tFileStart,
+                                        time(nullptr)); // 0 for every writer that exists
+    }
+    ReleasePathLocked(pSession);
+    pSession->enRecordState = QN_RECORD_STATE_IDLE;
+    return QN_RET_OK;
+}
+
+uint32_t QN_RecordStop(tagQN_RECORD_HANDLER_S *pSession)
+{
+    return QN_RecordStopNoLock(pSession, 1);
+}
+
+int64_t QN_REcordGetWriteBytes(tagQN_RECORD_HANDLER_S *pSession)
+{
+    if (pSession == nullptr || pSession->pstMediaApi->pfnGetWriteBytes == nullptr)
+    {
+        return -1;
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
+    return pSession->pWriter == nullptr ? -1 : pSession->pstMediaApi->pfnGetWriteBytes(pSession->pWriter);
+}
+
+} // namespace libquarrin

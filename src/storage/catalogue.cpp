@@ -1,0 +1,106 @@
+// File catalogue: a folder's media files, read from their names.
+// Threads: any. Locks: none. Not here: whether the card is mounted (replay.cpp, quota.cpp hold the card gate).
+
+#include "libquarrin/catalogue.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include "libquarrin/naming.h"
+#include "util/log.h"
+
+namespace libquarrin
+{
+
+// The name's text is UTC, read as local standard time: an offset that is the same all the year keeps the order.
+static time_t ToTime(tm stTime)
+{
+    stTime.tm_isdst = 0;
+    return mktime(&stTime);
+}
+
+// False, with a warning under the caller's name, when the name does not begin with a time.
+static bool Describe(const char *pszFunc, const char *pszName, const std::string &strPath, off_t s64Size,
+                     tagQN_FILE_INFO_S &stInfo)
+{
+    tm stStart = {};
+    tm stEnd = {};
+    std::string strExt;
+    if (QN_STORAGE_GetFilenameInfo(pszName, stStart, stEnd, strExt) != 0)
+    {
+        QN_LOG_WARN_AS(pszFunc, "Oops, %s not indexable", strPath.c_str());
+        return false;
+    }
+    stInfo.strName = pszName;
+    stInfo.strPath = strPath;
+    stInfo.strComment = QN_STORAGE_GetFilenameComment(pszName);
+    stInfo.strExt = strExt;
+    stInfo.u64Size = static_cast<uint32_t>(s64Size); // Kept: sizes count modulo 2^32
+    stInfo.tStart = ToTime(stStart);
+    stInfo.tEnd = ToTime(stEnd);
+    return true;
+}
+
+int32_t QN_STORAGE_GetFileInfo(const char *pszPath, tagQN_FILE_INFO_S *pstInfo)
+{
+    const char *pszSlash = strrchr(pszPath, '/');
+    const char *pszName = pszSlash == nullptr ? pszPath : pszSlash + 1;
+    struct stat stStat = {};
+    if (lstat(pszPath, &stStat) != 0)
+    {
+        return -1;
+    }
+    if (!S_ISREG(stStat.st_mode))
+    {
+        return 0; // Kept: success without data
+    }
+    tagQN_FILE_INFO_S stInfo;
+    if (!Describe(__func__, pszName, pszPath, stStat.st_size, stInfo))
+    {
+        return -1;
+    }
+    *pstInfo = std::move(stInfo);
+    return 0;
+}
+
+static bool StartsEarlier(const tagQN_FILE_INFO_S &stLeft, const tagQN_FILE_INFO_S &stRight)
+{
+    return stLeft.tStart < stRight.tStart;
+}
+
+int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
+{
+    DIR *pDir = opendir(pszFolder); // close-on-exec by itself
+    if (pDir == nullptr)
+    {
+        return 0;
+    }
+    vecFiles.clear();
+    while (const dirent *pEntry = readdir(pDir))
+    {
+        const char *pszName = pEntry->d_name;
+        if (strcmp(pszName, ".") == 0 || strcmp(pszName, "..") == 0)
+        {
+            continue;
+        }
+        const std::string strPath = std::string(pszFolder) + "/" + pszName;
+        struct stat stStat = {};
+        if (lstat(strPath.c_str(), &stStat) != 0 || !S_ISREG(stStat.st_mode))
+        {
+            continue;
+        }
+        tagQN_FILE_INFO_S stInfo;
+        if (Describe(__func__, pszName, strPath, stStat.st_size, stInfo))
+        {
+            vecFiles.push_back(std::move(stInfo));
+        }
+    }
+    closedir(pDir);
+    std::sort(vecFiles.begin(), vecFiles.end(), StartsEarlier);
+    return 0;
+}
+
+} // namespace libquarrin

@@ -1,0 +1,187 @@
+// Hotplug monitor: listens for the kernel's uevents and posts those of the handle's own device.
+// Threads: the monitor's own; start and stop on the owner's. Locks: none but the event ring's.
+
+#include "libquarrin/hotplug.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "core/event_queue.h"
+#include "util/log.h"
+
+namespace libquarrin
+{
+
+constexpr uint32_t UEVENT_GROUP = 1;  // the kernel's own multicast group
+constexpr size_t UEVENT_BYTES = 2048; // a longer message is cut; its header is always within
+constexpr useconds_t REOPEN_PAUSE_US = 10000;
+constexpr suseconds_t WAIT_US = 200000; // bounds the time that a stop takes
+constexpr time_t SETTLE_SECONDS = 1;    // the kernel makes and removes the nodes meanwhile
+
+// Kept: this line number is what the device's log filters know the message by.
+constexpr int32_t LISTEN_MESSAGE_LINE = 92;
+
+int32_t QN_STORAGE_HotplugNetlinkOpen()
+{
+    const int32_t s32Fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+    if (s32Fd < 0)
+    {
+        QN_LOG_ERROR("hotplug netlink open failed: %s", strerror(errno));
+        return -1;
+    }
+    (void)fcntl(s32Fd, F_SETFL, fcntl(s32Fd, F_GETFL) | O_NONBLOCK); // a socket has flags
+
+    struct sockaddr_nl stAddress = {};
+    stAddress.nl_family = AF_NETLINK;
+    // Two handles of a process need two port ids.
+    stAddress.nl_pid = static_cast<uint32_t>(pthread_self()) + static_cast<uint32_t>(getpid());
+    stAddress.nl_groups = UEVENT_GROUP;
+    if (bind(s32Fd, reinterpret_cast<struct sockaddr *>(&stAddress), sizeof(stAddress)) != 0)
+    {
+        QN_LOG_ERROR("hotplug netlink bind failed: %s", strerror(errno));
+        close(s32Fd);
+        return -1;
+    }
+    return s32Fd;
+}
+
+int32_t QN_STORAGE_HotplugNetlinkClose(int32_t &s32Fd)
+{
+    if (s32Fd >= 0)
+    {
+        close(s32Fd);
+        s32Fd = -1;
+    }
+    return 0;
+}
+
+int32_t QN_STORAGE_HotplugInit(tagQN_HANDLER_S *pHandle)
+{
+    pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
+    const std::string strName = pHandle->strDevName + ":hotplug";
+    pHandle->s32NetlinkFd = -1;
+    (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, strName.c_str(), QN_STORAGE_HotplugThread, pHandle);
+    (void)UTIL_THREAD_Create(&pHandle->stHotplugThread, nullptr); // without it, plugging goes unnoticed
+    QN_LOG_INFO("Thread %s start", strName.c_str());
+    return 0;
+}
+
+int32_t QN_STORAGE_HotplugDestroy(tagQN_HANDLER_S *pHandle)
+{
+    (void)UTIL_THREAD_Destory(&pHandle->stHotplugThread, 1); // both always 0
+    (void)QN_STORAGE_HotplugNetlinkClose(pHandle->s32NetlinkFd);
+    QN_LOG_INFO("exit");
+    return 0;
+}
+
+// As select on one descriptor. The set has a bit for every descriptor up to this one: fd_set itself ends at 1023, and a
+// host may have more open.
+static int32_t WaitReadable(int32_t s32Fd)
+{
+    const size_t word = static_cast<size_t>(s32Fd) / NFDBITS;
+    std::vector<fd_mask> vecSet(word + sizeof(fd_set) / sizeof(fd_mask), 0);
+    vecSet[word] = static_cast<fd_mask>(1UL << (static_cast<size_t>(s32Fd) % NFDBITS));
+    struct timeval stTimeout = {0, WAIT_US};
+    return select(s32Fd + 1, reinterpret_cast<fd_set *>(vecSet.data()), nullptr, nullptr, &stTimeout);
+}
+
+// The header "ACTION@DEVPATH" names this device when it ends in its name.
+static bool NamesDevice(const std::string &strHeader, const std::string &strDevName)
+{
+    return !strDevName.empty() && strHeader.size() >= strDevName.size() &&
+           strHeader.compare(strHeader.size() - strDevName.size(), strDevName.size(), strDevName) == 0;
+}
+
+static void PostLater(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
+{
+    struct timespec stRest = {SETTLE_SECONDS, 0};
+    while (nanosleep(&stRest, &stRest) != 0 && errno == EINTR)
+    {
+    }
+    (void)QN_EVENT_PushEvent(pHandle, enEvent, nullptr); // always 0
+}
+
+static void HandleHeader(tagQN_HANDLER_S *pHandle, const std::string &strHeader)
+{
+    if (!NamesDevice(strHeader, pHandle->strDevName))
+    {
+        return;
+    }
+    if (strHeader.rfind("add@", 0) == 0)
+    {
+        PostLater(pHandle, QN_EVENT_E_HOTPLUG_IN);
+    }
+    else if (strHeader.rfind("remove@", 0) == 0)
+    {
+        PostLater(pHandle, QN_EVENT_E_HOTPLUG_OUT);
+    }
+}
+
+// Receives one message; false when there is none, the socket is closed then if it is broken.
+static bool Receive(tagQN_HANDLER_S *pHandle, std::string &strHeader)
+{
+    char acBuffer[UEVENT_BYTES + 1];
+    struct sockaddr_nl stFrom = {};
+    struct iovec stVector = {acBuffer, UEVENT_BYTES};
+    struct msghdr stMessage = {};
+    stMessage.msg_name = &stFrom;
+    stMessage.msg_namelen = sizeof(stFrom);
+    stMessage.msg_iov = &stVector;
+    stMessage.msg_iovlen = 1;
+    const ssize_t s64Bytes = recvmsg(pHandle->s32NetlinkFd, &stMessage, 0);
+    if (s64Bytes < 0 && errno != EAGAIN && errno != EINTR)
+    {
+        QN_LOG_ERROR_AS("QN_STORAGE_HotplugThread", "hotplug netlink recvmsg failed: %s", strerror(errno));
+        (void)QN_STORAGE_HotplugNetlinkClose(pHandle->s32NetlinkFd); // the next pass opens a new one
+    }
+    if (s64Bytes <= 0)
+    {
+        return false;
+    }
+    acBuffer[s64Bytes] = '\0';
+    strHeader = acBuffer; // up to the first NUL: the key=value lines behind it do not count
+    return true;
+}
+
+void QN_STORAGE_HotplugThread(void *pArg)
+{
+    tagQN_HANDLER_S *pHandle = static_cast<tagQN_HANDLER_S *>(pArg);
+    if (pHandle->s32NetlinkFd < 0)
+    {
+        pHandle->s32NetlinkFd = QN_STORAGE_HotplugNetlinkOpen();
+        if (pHandle->s32NetlinkFd < 0)
+        {
+            usleep(REOPEN_PAUSE_US);
+            return;
+        }
+        QN_TRACE("[%s:%d] netlink listen fd=%d\n", __func__, LISTEN_MESSAGE_LINE, pHandle->s32NetlinkFd);
+    }
+    const int32_t s32Ready = WaitReadable(pHandle->s32NetlinkFd);
+    if (s32Ready < 0 && errno != EINTR)
+    {
+        QN_LOG_ERROR("hotplug netlink select failed: %s", strerror(errno));
+        (void)QN_STORAGE_HotplugNetlinkClose(pHandle->s32NetlinkFd); // the next pass opens a new one
+    }
+    if (s32Ready <= 0)
+    {
+        return;
+    }
+    QN_TRACE("[%s:%d] recvmsg\n", __func__, __LINE__);
+    std::string strHeader;
+    if (Receive(pHandle, strHeader))
+    {
+        QN_TRACE("[%s:%d] %s\n", __func__, __LINE__, strHeader.c_str());
+        HandleHeader(pHandle, strHeader);
+    }
+}
+
+} // namespace libquarrin

@@ -1,0 +1,163 @@
+// Quota: keeps the files of one volume below its quota, by deleting the oldest or by declaring the storage full.
+// Threads: event thread. Locks: the card gate, shared; the full flag is atomic. Not here: listing files (catalogue.cpp).
+
+#include "libquarrin/quota.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "core/handle_private.h"
+#include "libquarrin/catalogue.h"
+#include "libquarrin/naming.h"
+#include "libquarrin/storage.h"
+#include "storage/writing_files.h"
+#include "util/lock.h"
+#include "util/log.h"
+
+namespace libquarrin
+{
+
+constexpr uint32_t QUOTA_TYPE_PERCENT = 1;
+constexpr int32_t THROTTLE_CALLS = 200;  // a check at the latest
+constexpr time_t THROTTLE_SECONDS = 119; // up to this age the last check counts
+
+/// The figures of one check, in bytes.
+struct tagQN_QUOTA_SUM_S
+{
+    uint64_t u64Quota;
+    uint64_t u64Used;
+    uint32_t u32Reserve;
+};
+
+static bool IsVolume(QN_VOLUME_ID_E enVolume)
+{
+    return enVolume >= QN_VOLUME_ID_E_0 && enVolume <= QN_VOLUME_ID_E_2;
+}
+
+static std::string VolumePath(const tagQN_HANDLER_S *pHandle, const tagQN_VOLUME_PARAM_S &stVolume)
+{
+    return pHandle->pszMountPoint + "/" + stVolume.pszFolder;
+}
+
+int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
+{
+    // The gate: a host may unmount at once after it mounted, and a mkdir that still runs would keep the card busy.
+    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
+    {
+        if (pHandle->astVolume[i].bEnable == 0)
+        {
+            continue;
+        }
+        const std::string strCommand = "mkdir -p " + VolumePath(pHandle, pHandle->astVolume[i]);
+        (void)BU_RunCmd(strCommand.c_str()); // a folder that is missing shows when a file is opened in it
+        pHandle->astQuotaLastCheck[i] = {};
+    }
+    return 0;
+}
+
+static uint64_t QuotaBytes(const tagQN_VOLUME_PARAM_S &stVolume, uint64_t u64Total)
+{
+    if (stVolume.u32QuotaType == QUOTA_TYPE_PERCENT)
+    {
+        return stVolume.u32QuotaPercent * u64Total / 100;
+    }
+    return stVolume.u32QuotaBytes;
+}
+
+static std::string SumText(const tagQN_QUOTA_SUM_S &stSum)
+{
+    return QN_STORAGE_PrettierSize(stSum.u64Used) + "|" + QN_STORAGE_PrettierSize(stSum.u64Quota - stSum.u32Reserve) +
+           "|" + QN_STORAGE_PrettierSize(stSum.u64Quota);
+}
+
+static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
+{
+    const int64_t s64Remaining = static_cast<int64_t>(stSum.u64Quota - stSum.u64Used);
+    return s64Remaining <= static_cast<int64_t>(stSum.u32Reserve);
+}
+
+// Oldest first, until there is room or no file is left.
+static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume,
+                         const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
+{
+    constexpr const char *FUNC = "QN_STORAGE_QuotaCheck";
+    for (const tagQN_FILE_INFO_S &stFile : vecFiles)
+    {
+        if (!IsFull(stSum))
+        {
+            break;
+        }
+        if (QN_WRITING_IsClaimed(pHandle, stFile.strPath))
+        {
+            continue; // deleting a file that is being written frees nothing and loses the recording
+        }
+        QN_LOG_INFO_AS(FUNC, "Quota[%d] remove %s", static_cast<int>(enVolume), stFile.strPath.c_str());
+        (void)remove(stFile.strPath.c_str()); // a file that stays still counts as freed
+        stSum.u64Used -= stFile.u64Size;
+    }
+    QN_LOG_INFO_AS(FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
+}
+
+int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
+{
+    if (!IsVolume(enVolume) || pHandle->astVolume[enVolume].bEnable == 0)
+    {
+        return 0;
+    }
+    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const tagQN_VOLUME_PARAM_S &stVolume = pHandle->astVolume[enVolume];
+    const uint64_t u64Total = static_cast<uint64_t>(QN_STORAGE_GetMountedTotalSize(pHandle->pszMountPoint.c_str()));
+    tagQN_QUOTA_SUM_S stSum = {QuotaBytes(stVolume, u64Total), 0, stVolume.u32ReserveBytes};
+    const bool bAutoDelete = __atomic_load_n(&stVolume.bAutoDelete, __ATOMIC_SEQ_CST);
+
+    std::vector<tagQN_FILE_INFO_S> vecFiles;
+    (void)QN_STORAGE_ScanFolder(VolumePath(pHandle, stVolume).c_str(), vecFiles); // a missing folder is empty
+    for (const tagQN_FILE_INFO_S &stFile : vecFiles)
+    {
+        stSum.u64Used += stFile.u64Size;
+    }
+    QN_LOG_INFO("Quota[%d] quota:%d %s", static_cast<int>(enVolume), bAutoDelete ? 1 : 0, SumText(stSum).c_str());
+
+    pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
+    if (bAutoDelete)
+    {
+        DeleteOldest(pHandle, enVolume, vecFiles, stSum);
+    }
+    else if (IsFull(stSum))
+    {
+        pHandle->enStorageState = QN_STORAGE_STATE_E_FULL;
+    }
+    return 0;
+}
+
+int32_t QN_STORAGE_QuotaCheckWithThrottle(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
+{
+    if (pHandle == nullptr || !IsVolume(enVolume))
+    {
+        return 0;
+    }
+    struct timeval stNow = {};
+    gettimeofday(&stNow, nullptr);
+    int32_t &s32Countdown = pHandle->as32QuotaCountdown[enVolume];
+    s32Countdown -= 1;
+    if (s32Countdown <= 0)
+    {
+        s32Countdown = THROTTLE_CALLS;
+    }
+    else if (stNow.tv_sec - pHandle->astQuotaLastCheck[enVolume].tv_sec <= THROTTLE_SECONDS)
+    {
+        return 0;
+    }
+    pHandle->astQuotaLastCheck[enVolume] = stNow;
+    return QN_STORAGE_QuotaCheck(pHandle, enVolume);
+}
+
+int32_t QN_STORAGE_QuotaDestroy(tagQN_HANDLER_S *pHandle)
+{
+    (void)pHandle; // quota data lives in the handle; this is the place where more would be released
+    return 0;
+}
+
+} // namespace libquarrin

@@ -1,0 +1,49 @@
+// Short texts of sizes and times.
+// Threads: any. Locks: none.
+
+#include "libquarrin/naming.h"
+
+#include <cstdio>
+
+namespace libquarrin
+{
+
+constexpr uint64_t KIB = 1024;
+constexpr uint64_t MIB = 1024 * KIB;
+constexpr uint64_t GIB = 1024 * MIB;
+
+std::string QN_STORAGE_PrettierSize(uint64_t u64Bytes)
+{
+    // Below 1 GiB the low word says it all. Kept: a unit begins above its power of two, so 1024 is "1024B".
+    const int32_t s32Low = static_cast<int32_t>(static_cast<uint32_t>(u64Bytes));
+    char szText[32];
+    if (u64Bytes > GIB)
+    {
+        (void)snprintf(szText, sizeof(szText), "%.1fGB", static_cast<double>(u64Bytes) / static_cast<double>(GIB));
+    }
+    else if (u64Bytes > MIB)
+    {
+        (void)snprintf(szText, sizeof(szText), "%.1fMB", s32Low / static_cast<double>(MIB));
+    }
+    else if (u64Bytes > KIB)
+    {
+        (void)snprintf(szText, sizeof(szText), "%.1fKB", s32Low / static_cast<double>(KIB));
+    }
+    else
+    {
+        (void)snprintf(szText, sizeof(szText), "%dB", s32Low);
+    }
+    return szText;
+}
+
+std::string QN_STORAGE_PrettierTime(time_t tTime)
+{
+    tm stTime = {};
+    (void)gmtime_r(&tTime, &stTime); // a year beyond its range leaves zeros
+    char szText[96];                 // six ints of any value fit
+    (void)snprintf(szText, sizeof(szText), "%04d-%02d-%02d-%02d-%02d-%02d", stTime.tm_year + 1900, stTime.tm_mon + 1,
+                   stTime.tm_mday, stTime.tm_hour, stTime.tm_min, stTime.tm_sec);
+    return szText;
+}
+
+} // namespace libquarrin
