@@ -5,6 +5,7 @@
 #ifndef QUARRIN_CORE_HANDLE_PRIVATE_H
 #define QUARRIN_CORE_HANDLE_PRIVATE_H
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <pthread.h>
@@ -42,6 +43,8 @@ struct tagQN_HANDLER_PRIVATE_S
     std::list<tagQN_EVENT_SLOT_S> lstOwnEvents; ///< posted by handlers into a full ring; they take the next free slots
 
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
+
+    std::atomic<bool> bSeenPresent{false}; ///< what the last probe or hotplug event saw of the device
 };
 
 struct tagQN_RECORD_PRIVATE_S

@@ -33,7 +33,9 @@ int32_t QN_EVENT_HandleHotplugIn(tagQN_HANDLER_S *pHandle)
 {
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-        if (QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) != 0)
+        const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
+        pHandle->pstPrivate->bSeenPresent = bDevice;
+        if (!bDevice)
         {
             QN_LOG_ERROR("OOPs, trigger hotplug-in event but device %s not found!", pHandle->strDevice.c_str());
             pHandle->enState = QN_STATE_E_UNPLUGIN;
@@ -82,6 +84,7 @@ int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
     const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
+    pHandle->pstPrivate->bSeenPresent = false;
     StopSessions(pHandle);
     CloseReaders(pHandle);
     // Their writers are closed before umount looks; no session can split off another one now.

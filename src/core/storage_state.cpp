@@ -30,6 +30,7 @@ uint32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
     UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
     const bool bMountDir = QN_STORAGE_CheckPartitionMounted(pHandle->pszMountPoint.c_str()) == 0;
     const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
+    pHandle->pstPrivate->bSeenPresent = bDevice;
     if (bMountDir)
     {
         pHandle->enState = QN_STATE_E_MOUNTED;

@@ -16,6 +16,8 @@
 #include <unistd.h>
 
 #include "core/event_queue.h"
+#include "core/handle_private.h"
+#include "libquarrin/storage.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -25,7 +27,9 @@ constexpr uint32_t UEVENT_GROUP = 1;  // the kernel's own multicast group
 constexpr size_t UEVENT_BYTES = 2048; // a longer message is cut; its header is always within
 constexpr useconds_t REOPEN_PAUSE_US = 10000;
 constexpr suseconds_t WAIT_US = 200000; // bounds the time that a stop takes
-constexpr time_t SETTLE_SECONDS = 1;    // the kernel makes and removes the nodes meanwhile
+constexpr int32_t SETTLE_STEPS = 10;    // the same second, in steps that a stop can end
+constexpr useconds_t SETTLE_STEP_US = 100000;
+constexpr time_t SETTLE_SECONDS = 1; // the kernel makes and removes the nodes meanwhile
 
 // Kept: this line number is what the device's log filters know the message by.
 constexpr int32_t LISTEN_MESSAGE_LINE = 92;
@@ -64,11 +68,17 @@ int32_t QN_STORAGE_HotplugNetlinkClose(int32_t &s32Fd)
     return 0;
 }
 
+static bool IsPresent(const tagQN_HANDLER_S *pHandle)
+{
+    return QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
+}
+
 int32_t QN_STORAGE_HotplugInit(tagQN_HANDLER_S *pHandle)
 {
     pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
     const std::string strName = pHandle->strDevName + ":hotplug";
     pHandle->s32NetlinkFd = -1;
+    pHandle->pstPrivate->bSeenPresent = IsPresent(pHandle);
     (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, strName.c_str(), QN_STORAGE_HotplugThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stHotplugThread, nullptr); // without it, plugging goes unnoticed
     QN_LOG_INFO("Thread %s start", strName.c_str());
@@ -81,6 +91,34 @@ int32_t QN_STORAGE_HotplugDestroy(tagQN_HANDLER_S *pHandle)
     (void)QN_STORAGE_HotplugNetlinkClose(pHandle->s32NetlinkFd);
     QN_LOG_INFO("exit");
     return 0;
+}
+
+static bool PresenceChanged(const tagQN_HANDLER_S *pHandle)
+{
+    return IsPresent(pHandle) != pHandle->pstPrivate->bSeenPresent.load();
+}
+
+// Uevents that came while no socket was open, or that a full socket dropped, are made up for by a look at the device.
+// Only a difference to what was seen last counts: mounting a mounted card once more would fail.
+static void LookAgain(tagQN_HANDLER_S *pHandle)
+{
+    if (!PresenceChanged(pHandle))
+    {
+        return;
+    }
+    for (int32_t i = 0; i < SETTLE_STEPS; ++i)
+    {
+        usleep(SETTLE_STEP_US);
+        if (pHandle->stHotplugThread.s32Run.load() != 1)
+        {
+            return; // a stop is not made to wait for it
+        }
+    }
+    if (PresenceChanged(pHandle)) // an event may be on its way through the queue already
+    {
+        (void)QN_EVENT_PushEvent(pHandle, IsPresent(pHandle) ? QN_EVENT_E_HOTPLUG_IN : QN_EVENT_E_HOTPLUG_OUT,
+                                 nullptr); // always 0
+    }
 }
 
 // As select on one descriptor. The set has a bit for every descriptor up to this one: fd_set itself ends at 1023, and a
@@ -164,6 +202,7 @@ void QN_STORAGE_HotplugThread(void *pArg)
             return;
         }
         QN_TRACE("[%s:%d] netlink listen fd=%d\n", __func__, LISTEN_MESSAGE_LINE, pHandle->s32NetlinkFd);
+        LookAgain(pHandle);
     }
     const int32_t s32Ready = WaitReadable(pHandle->s32NetlinkFd);
     if (s32Ready < 0 && errno != EINTR)
