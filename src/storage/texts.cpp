@@ -12,6 +12,8 @@ constexpr uint64_t KIB = 1024;
 constexpr uint64_t MIB = 1024 * KIB;
 constexpr uint64_t GIB = 1024 * MIB;
 
+constexpr long long YEAR_BASE = 1900; // wide: the last years that a tm holds end above an int
+
 std::string QN_STORAGE_PrettierSize(uint64_t u64Bytes)
 {
     // Below 1 GiB the low word says it all. Kept: a unit begins above its power of two, so 1024 is "1024B".
@@ -41,8 +43,8 @@ std::string QN_STORAGE_PrettierTime(time_t tTime)
     tm stTime = {};
     (void)gmtime_r(&tTime, &stTime); // a year beyond its range leaves zeros
     char szText[96];                 // six ints of any value fit
-    (void)snprintf(szText, sizeof(szText), "%04d-%02d-%02d-%02d-%02d-%02d", stTime.tm_year + 1900, stTime.tm_mon + 1,
-                   stTime.tm_mday, stTime.tm_hour, stTime.tm_min, stTime.tm_sec);
+    (void)snprintf(szText, sizeof(szText), "%04lld-%02d-%02d-%02d-%02d-%02d", stTime.tm_year + YEAR_BASE,
+                   stTime.tm_mon + 1, stTime.tm_mday, stTime.tm_hour, stTime.tm_min, stTime.tm_sec);
     return szText;
 }
 
