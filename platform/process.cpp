@@ -68,6 +68,7 @@ std::string PLATFORM_ShellFolders()
 static std::vector<char *> ArgumentPointers(std::vector<std::string> &vecArgs)
 {
     std::vector<char *> vecPointers;
+    vecPointers.reserve(vecArgs.size() + 1);
     for (std::string &strArg : vecArgs)
     {
         vecPointers.push_back(&strArg[0]);

@@ -1,6 +1,7 @@
 // The command runner: exit statuses come back whatever the host does with its signals.
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <string>
 #include <thread>
@@ -27,9 +28,11 @@ void CountSignal(int)
 
 void CollectEveryChild(int)
 {
+    const int s32Errno = errno;
     while (waitpid(-1, nullptr, WNOHANG) > 0)
     {
     }
+    errno = s32Errno;
 }
 
 /// Sets a signal's action for its own lifetime.
