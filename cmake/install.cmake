@@ -19,10 +19,21 @@ install(FILES ${PROJECT_BINARY_DIR}/package/quarrinConfig.cmake ${PROJECT_BINARY
     DESTINATION ${quarrin_package_dir})
 
 # The prefix of `cmake --install --prefix` is not known here: the files find it from their own place, as many folders
-# up as the pkg-config folder lies below the prefix.
-file(RELATIVE_PATH quarrin_up /prefix/${quarrin_pkgconfig_dir} /prefix)
-string(REGEX REPLACE "/$" "" quarrin_up "${quarrin_up}")
-set(QUARRIN_PC_PREFIX "\${pcfiledir}/${quarrin_up}")
+# up as the pkg-config folder lies below the prefix. An absolute folder cannot move and stands as it is.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(QUARRIN_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+    set(QUARRIN_PC_LIBDIR ${CMAKE_INSTALL_LIBDIR})
+else()
+    file(RELATIVE_PATH quarrin_up /prefix/${quarrin_pkgconfig_dir} /prefix)
+    string(REGEX REPLACE "/$" "" quarrin_up "${quarrin_up}")
+    set(QUARRIN_PC_PREFIX "\${pcfiledir}/${quarrin_up}")
+    set(QUARRIN_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+    set(QUARRIN_PC_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR})
+else()
+    set(QUARRIN_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
 foreach(name libquarrin libquarrin_platform)
     configure_file(${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/package/${name}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/package/${name}.pc DESTINATION ${quarrin_pkgconfig_dir})
