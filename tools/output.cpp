@@ -1,0 +1,137 @@
+// Output: results and messages go to different descriptors, whatever the library prints.
+// Threads: the main thread only.
+
+#include "output.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+extern "C"
+{
+#include <libavutil/log.h>
+}
+
+#include "quarrin_platform.h"
+
+static int32_t s_s32ResultFd = -1;
+static bool s_bProgressOpen = false; // a progress line stands on the terminal without its newline
+
+/// Makes descriptors 0 to 2 valid, so that no file of ours takes one of their places.
+static bool OpenStandardDescriptors()
+{
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO)
+    {
+        fd = open("/dev/null", O_RDWR);
+    }
+    return fd >= 0 && close(fd) == 0;
+}
+
+bool TOOL_OUTPUT_Init()
+{
+    if (!OpenStandardDescriptors())
+    {
+        return false;
+    }
+    s_s32ResultFd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    return s_s32ResultFd >= 0 && dup2(STDERR_FILENO, STDOUT_FILENO) >= 0;
+}
+
+/// Drops what is printed through stdio; descriptor 1 itself stays where it was moved to.
+static void SilenceStandardOutput()
+{
+#ifdef __GLIBC__
+    FILE *pNull = fopen("/dev/null", "we");
+    if (pNull != nullptr)
+    {
+        stdout = pNull; // a variable in glibc, made to be set
+    }
+#else
+    (void)freopen("/dev/null", "we", stdout); // chatter that stays is no harm
+#endif
+}
+
+void TOOL_OUTPUT_SetVerbose(bool bVerbose)
+{
+    if (bVerbose)
+    {
+        setvbuf(stdout, nullptr, _IOLBF, 0);
+    }
+    else
+    {
+        SilenceStandardOutput();
+    }
+    av_log_set_level(bVerbose ? AV_LOG_INFO : AV_LOG_QUIET);
+    QN_PLATFORM_SetLogLevel(bVerbose ? 6 : 0);
+}
+
+int32_t TOOL_OUTPUT_Fd()
+{
+    return s_s32ResultFd;
+}
+
+bool TOOL_OUTPUT_Write(const std::string &strText)
+{
+    size_t uDone = 0;
+    while (uDone < strText.size())
+    {
+        const ssize_t sWritten = write(s_s32ResultFd, strText.data() + uDone, strText.size() - uDone);
+        if (sWritten < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (sWritten < 0)
+        {
+            return false;
+        }
+        uDone += static_cast<size_t>(sWritten);
+    }
+    return true;
+}
+
+void TOOL_OUTPUT_Say(const char *pszFormat, ...)
+{
+    if (s_bProgressOpen)
+    {
+        s_bProgressOpen = false;
+        fputc('\n', stderr);
+    }
+    va_list stArgs;
+    va_start(stArgs, pszFormat);
+    std::string strText(static_cast<size_t>(vsnprintf(nullptr, 0, pszFormat, stArgs)), '\0');
+    va_end(stArgs);
+    va_start(stArgs, pszFormat);
+    vsnprintf(strText.data(), strText.size() + 1, pszFormat, stArgs);
+    va_end(stArgs);
+    fprintf(stderr, "quarrin: %s\n", TOOL_OUTPUT_Printable(strText).c_str());
+}
+
+void TOOL_OUTPUT_Progress(const std::string &strText)
+{
+    if (isatty(STDERR_FILENO) == 0)
+    {
+        fprintf(stderr, "%s\n", strText.c_str());
+        return;
+    }
+    fprintf(stderr, "\r%s\x1b[K", strText.c_str()); // K clears what a longer line left behind
+    fflush(stderr);
+    s_bProgressOpen = true;
+}
+
+std::string TOOL_OUTPUT_Printable(const std::string &strText)
+{
+    std::string strClean = strText;
+    for (char &cOne : strClean)
+    {
+        const unsigned char cByte = static_cast<unsigned char>(cOne);
+        if (cByte < 0x20 || cByte == 0x7f)
+        {
+            cOne = '?';
+        }
+    }
+    return strClean;
+}

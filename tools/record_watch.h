@@ -1,0 +1,39 @@
+// Watches a recording: is the folder still there, is there room, does the file grow.
+#ifndef QUARRIN_TOOLS_RECORD_WATCH_H
+#define QUARRIN_TOOLS_RECORD_WATCH_H
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "libquarrin.h"
+
+struct tagTOOL_WATCH_S
+{
+    libquarrin::tagQN_HANDLER_S *pHandle = nullptr;         ///< borrowed
+    libquarrin::tagQN_RECORD_HANDLER_S *pSession = nullptr; ///< borrowed
+    dev_t stDevice = 0;                                     ///< of the folder, as it was at the begin
+    ino_t stInode = 0;                                      ///< the same
+    std::chrono::steady_clock::time_point stLastLook;       ///< the last look
+    std::chrono::steady_clock::time_point stLastGrowth;     ///< when the file was seen to grow
+    uint64_t u64Frames = 0;                                 ///< handed in so far; the recording counts them
+    uint64_t u64FramesAtGrowth = 0;                         ///< as they were at stLastGrowth
+    int64_t s64Bytes = 0;                                   ///< written into the current file, for the progress line
+    int64_t s64OnDisk = -1;                                 ///< size of the current file as the file system has it
+    bool bFull = false;                                     ///< the library declared the storage full
+    std::vector<std::string> vecPaths;                      ///< in-progress paths of all files, the current one last
+};
+
+/// Begins to watch a session that was just started.
+void TOOL_WATCH_Begin(tagTOOL_WATCH_S &stWatch, libquarrin::tagQN_HANDLER_S *pHandle,
+                      libquarrin::tagQN_RECORD_HANDLER_S *pSession);
+
+/// Notes the file that the session writes. Called after every frame: files may follow each other fast.
+void TOOL_WATCH_NoteFile(tagTOOL_WATCH_S &stWatch);
+
+/// Looks, a few times a second at most. What is wrong in one line, or an empty text.
+std::string TOOL_WATCH_Look(tagTOOL_WATCH_S &stWatch);
+
+#endif
