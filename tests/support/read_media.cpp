@@ -139,8 +139,16 @@ static void ReadPackets(AVFormatContext *pFormat, bool bDecode, TEST_MEDIA_S &st
 TEST_MEDIA_S TEST_ReadMedia(const std::string &strPath, bool bProbe, bool bDecode)
 {
     TEST_MEDIA_S stMedia;
-    AVFormatContext *pFormat = nullptr;
-    if (avformat_open_input(&pFormat, strPath.c_str(), nullptr, nullptr) < 0)
+    AVFormatContext *pFormat = avformat_alloc_context();
+    AVDictionary *pOptions = nullptr;
+    if (!bProbe)
+    {
+        pFormat->flags |= AVFMT_FLAG_NOPARSE;              // key flags are the container's
+        av_dict_set(&pOptions, "ignore_editlist", "1", 0); // MP4, MOV: every packet, also those that players hide
+    }
+    const int s32Ret = avformat_open_input(&pFormat, strPath.c_str(), nullptr, &pOptions);
+    av_dict_free(&pOptions);
+    if (s32Ret < 0)
     {
         return stMedia;
     }

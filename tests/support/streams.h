@@ -81,9 +81,9 @@ struct TEST_MEDIA_S
     int32_t AudioStream() const;
 };
 
-/// Reads a whole file with libavformat. Without bProbe the parameters are those of the headers alone (MPEG-TS has
-/// next to none there); with it libavformat looks into the packets for what the headers lack. bDecode decodes every
-/// stream too.
+/// Reads a whole file with libavformat. With bProbe as a player does: libavformat looks into the packets for what the
+/// headers lack, and makes frames of them. Without it the headers and the packets are those of the file itself (MPEG-TS
+/// has next to no headers). bDecode decodes every stream too.
 TEST_MEDIA_S TEST_ReadMedia(const std::string &strPath, bool bProbe = true, bool bDecode = false);
 
 #endif
