@@ -2,6 +2,7 @@
 
 #include "input.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "annexb.h"
@@ -30,19 +31,21 @@ struct tagTOOL_TEST_S
 
 static void FillPlane(AVFrame *pPicture, int32_t s32Plane, int32_t s32Shift, const uint8_t *pu8Stripes, int64_t s64No)
 {
-    const int32_t s32Width = TEST_WIDTH >> s32Shift;
+    const int32_t s32Stripe = (TEST_WIDTH >> s32Shift) / 8;
     const int32_t s32Height = TEST_HEIGHT >> s32Shift;
     const int32_t s32Side = s32Height / 4;
     const int32_t s32Left = static_cast<int32_t>((s64No * 4) % (TEST_WIDTH - TEST_HEIGHT / 4)) >> s32Shift;
-    const int32_t s32Top = s32Height / 2;
+    const uint8_t u8White = s32Plane == 0 ? 235 : 128;
     for (int32_t y = 0; y < s32Height; y++)
     {
         uint8_t *pu8Row = pPicture->data[s32Plane] + y * pPicture->linesize[s32Plane];
-        for (int32_t x = 0; x < s32Width; x++)
+        for (int32_t s32No = 0; s32No < 8; s32No++)
         {
-            const bool bInside = x >= s32Left && x < s32Left + s32Side && y >= s32Top && y < s32Top + s32Side;
-            const uint8_t u8White = s32Plane == 0 ? 235 : 128;
-            pu8Row[x] = bInside ? u8White : pu8Stripes[x * 8 / s32Width];
+            std::fill_n(pu8Row + s32No * s32Stripe, s32Stripe, pu8Stripes[s32No]);
+        }
+        if (y >= s32Height / 2 && y < s32Height / 2 + s32Side)
+        {
+            std::fill_n(pu8Row + s32Left, s32Side, u8White);
         }
     }
 }

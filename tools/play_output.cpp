@@ -15,7 +15,30 @@ tagTOOL_PLAY_OUTPUT_S::~tagTOOL_PLAY_OUTPUT_S()
     avformat_free_context(pContext);
 }
 
-static bool AddStream(const tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTOOL_PLAY_OUTPUT_S &stOutput,
+/// A header that cannot be mended afterwards, as on a pipe, needs the audio's configuration at once; a transport
+/// stream has it in every frame instead.
+static bool AddAacConfig(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, AVCodecParameters *pParameters)
+{
+    if (pParameters->codec_id != AV_CODEC_ID_AAC || pParameters->extradata_size != 0)
+    {
+        return true;
+    }
+    const std::vector<uint8_t> vecConfig = TOOL_REPLAY_AacConfig(stReplay, s32Stream);
+    if (vecConfig.empty())
+    {
+        return true;
+    }
+    pParameters->extradata = static_cast<uint8_t *>(av_mallocz(vecConfig.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (pParameters->extradata == nullptr)
+    {
+        return false;
+    }
+    memcpy(pParameters->extradata, vecConfig.data(), vecConfig.size());
+    pParameters->extradata_size = static_cast<int>(vecConfig.size());
+    return true;
+}
+
+static bool AddStream(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTOOL_PLAY_OUTPUT_S &stOutput,
                       std::string &strError)
 {
     const AVStream *pFrom = stReplay.pHeaders->streams[s32Stream];
@@ -26,7 +49,8 @@ static bool AddStream(const tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTO
         return false;
     }
     AVStream *pTo = avformat_new_stream(stOutput.pContext, nullptr);
-    if (pTo == nullptr || avcodec_parameters_copy(pTo->codecpar, pFrom->codecpar) < 0)
+    if (pTo == nullptr || avcodec_parameters_copy(pTo->codecpar, pFrom->codecpar) < 0 ||
+        !AddAacConfig(stReplay, s32Stream, pTo->codecpar))
     {
         strError = "out of memory";
         return false;
@@ -38,7 +62,7 @@ static bool AddStream(const tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTO
     return true;
 }
 
-static bool AddStreams(const tagTOOL_REPLAY_S &stReplay, tagTOOL_PLAY_OUTPUT_S &stOutput, std::string &strError)
+static bool AddStreams(tagTOOL_REPLAY_S &stReplay, tagTOOL_PLAY_OUTPUT_S &stOutput, std::string &strError)
 {
     stOutput.vecStreams.assign(stReplay.pHeaders->nb_streams, -1);
     if (stReplay.s32Video >= 0 && stReplay.pHeaders->streams[stReplay.s32Video]->codecpar->video_delay > 0)
@@ -68,8 +92,8 @@ static const AVOutputFormat *FormatOf(const std::string &strOutput)
     return pFormat == nullptr || (pFormat->flags & AVFMT_NOFILE) != 0 ? nullptr : pFormat;
 }
 
-bool TOOL_PLAY_OUTPUT_Open(const tagTOOL_REPLAY_S &stReplay, const std::string &strOutput,
-                           tagTOOL_PLAY_OUTPUT_S &stOutput, bool &bBadInput, std::string &strError)
+bool TOOL_PLAY_OUTPUT_Open(tagTOOL_REPLAY_S &stReplay, const std::string &strOutput, tagTOOL_PLAY_OUTPUT_S &stOutput,
+                           bool &bBadInput, std::string &strError)
 {
     bBadInput = true;
     const AVOutputFormat *pFormat = FormatOf(strOutput);

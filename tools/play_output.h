@@ -25,8 +25,8 @@ struct tagTOOL_PLAY_OUTPUT_S
 /// \param bBadInput  [out] the failure is the user's to mend, and nothing was written.
 ///
 /// \return false with strError set.
-bool TOOL_PLAY_OUTPUT_Open(const tagTOOL_REPLAY_S &stReplay, const std::string &strOutput,
-                           tagTOOL_PLAY_OUTPUT_S &stOutput, bool &bBadInput, std::string &strError);
+bool TOOL_PLAY_OUTPUT_Open(tagTOOL_REPLAY_S &stReplay, const std::string &strOutput, tagTOOL_PLAY_OUTPUT_S &stOutput,
+                           bool &bBadInput, std::string &strError);
 
 /// Writes one frame; its bytes are copied. False with strError set when it was not taken.
 bool TOOL_PLAY_OUTPUT_Write(tagTOOL_PLAY_OUTPUT_S &stOutput, const tagTOOL_REPLAY_S &stReplay,

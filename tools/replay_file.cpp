@@ -8,6 +8,8 @@
 
 #include <sys/stat.h>
 
+#include "annexb.h"
+
 tagTOOL_REPLAY_S::~tagTOOL_REPLAY_S()
 {
     avformat_close_input(&pHeaders);
@@ -123,6 +125,25 @@ uint32_t TOOL_REPLAY_Read(tagTOOL_REPLAY_S &stReplay, tagTOOL_REPLAY_FRAME_S &st
     stFrame.stBase =
         stFrame.s32Stream < 0 ? AVRational{0, 1} : stReplay.pHeaders->streams[stFrame.s32Stream]->time_base;
     return 0;
+}
+
+std::vector<uint8_t> TOOL_REPLAY_AacConfig(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream)
+{
+    std::vector<uint8_t> vecConfig;
+    TOOL_PACKET pPacket(av_packet_alloc());
+    while (pPacket && vecConfig.empty() && av_read_frame(stReplay.pHeaders, pPacket.get()) >= 0)
+    {
+        tagTOOL_ADTS_S stAdts;
+        const bool bAdts = pPacket->stream_index == s32Stream &&
+                           TOOL_ADTS_FromHeader(pPacket->data, static_cast<size_t>(pPacket->size), stAdts);
+        if (bAdts)
+        {
+            const uint16_t u16Config = AAC_GET_AUDIO_SPECIFIC_CONFIG(pPacket->data);
+            vecConfig = {static_cast<uint8_t>(u16Config & 0xff), static_cast<uint8_t>(u16Config >> 8)};
+        }
+        av_packet_unref(pPacket.get());
+    }
+    return vecConfig;
 }
 
 void TOOL_REPLAY_GiveBack(tagTOOL_REPLAY_S &stReplay, tagTOOL_REPLAY_FRAME_S &stFrame)

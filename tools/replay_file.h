@@ -3,6 +3,7 @@
 #define QUARRIN_TOOLS_REPLAY_FILE_H
 
 #include <string>
+#include <vector>
 
 #include "ff.h"
 #include "storage_handle.h"
@@ -43,6 +44,10 @@ bool TOOL_REPLAY_Seek(tagTOOL_REPLAY_S &stReplay, uint32_t u32Seconds);
 
 /// Borrows the next frame. 0 good, 9 end of file, anything else a failure.
 uint32_t TOOL_REPLAY_Read(tagTOOL_REPLAY_S &stReplay, tagTOOL_REPLAY_FRAME_S &stFrame);
+
+/// AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1) of a stream whose frames carry ADTS headers, made of the first one;
+/// empty when there is none. Reads on in the headers' context.
+std::vector<uint8_t> TOOL_REPLAY_AacConfig(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream);
 
 /// Gives the frame back.
 void TOOL_REPLAY_GiveBack(tagTOOL_REPLAY_S &stReplay, tagTOOL_REPLAY_FRAME_S &stFrame);
