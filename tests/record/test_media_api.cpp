@@ -1,5 +1,7 @@
 // The tables of media back ends, and a session on one that writes nothing.
 
+#include <cstdlib>
+
 #include "support/card.h"
 
 using namespace libquarrin;
@@ -50,12 +52,15 @@ TEST(MediaApi, TheWavTablesWriteOnly)
 
 class MediaApiSession : public CARD_TEST
 {
-};
+protected:
+    void SetUp() override
+    {
+        CARD_TEST::SetUp();
+        InitMounted();
+    }
 
-TEST_F(MediaApiSession, OnAWavTableRunsThroughAndMakesNoFile)
-{
-    InitMounted();
-    for (const tagQN_MEDIA_API_S *pstApi : {&qn_media_api_wav, &qn_media_api_wav_prealloc})
+    // Runs a session on a table for the given number of seconds; every call succeeds.
+    void Run(const tagQN_MEDIA_API_S &stApi, int64_t s64Seconds)
     {
         tagQN_RECORD_PARAM_S stParam{};
         stParam.stAudio.bEnable = 1;
@@ -64,17 +69,37 @@ TEST_F(MediaApiSession, OnAWavTableRunsThroughAndMakesNoFile)
         ASSERT_EQ(0u, QN_RecordInit(m_pHandle, &stParam, pSession));
         ASSERT_NE(nullptr, pSession);
         EXPECT_EQ(&qn_media_api_ffmpeg, pSession->pstMediaApi); // whatever the format
-        pSession->pstMediaApi = pstApi;
+        pSession->pstMediaApi = &stApi;
         EXPECT_EQ(0u, QN_RecordStart(pSession, "wav"));
         void *pWriter = pSession->pWriter;
+        EXPECT_NE(nullptr, pWriter);
         unsigned char au8Frame[4] = {1, 2, 3, 4};
         EXPECT_EQ(0u, QN_RecordWriteFrame(pSession, au8Frame, sizeof(au8Frame), 1000, 1, 0));
         EXPECT_EQ(0u, QN_RecordWriteFrame(pSession, au8Frame, sizeof(au8Frame), 1021, 1, 0));
-        EXPECT_EQ(-1, QN_REcordGetWriteBytes(pSession));
+        EXPECT_EQ(-1, QN_REcordGetWriteBytes(pSession)); // slot 10 is empty
+        pthread_mutex_lock(&pSession->stMutex);
+        pSession->tFileStart -= s64Seconds;
+        pthread_mutex_unlock(&pSession->stMutex);
         EXPECT_EQ(0u, QN_RecordStop(pSession));
-        EXPECT_TRUE(TEST_List(Folder(0)).empty());
         EXPECT_EQ(0u, QN_RecordDestroy(pSession));
-        EXPECT_TRUE(TEST_List(Folder(0)).empty());
         free(pWriter); // the placeholder's close leaves it
     }
+};
+
+TEST_F(MediaApiSession, OnAWavTableRunsThroughAndMakesNoFile)
+{
+    for (const tagQN_MEDIA_API_S *pstApi : {&qn_media_api_wav, &qn_media_api_wav_prealloc})
+    {
+        Run(*pstApi, 0);
+        EXPECT_TRUE(TEST_List(Folder(0)).empty());
+    }
+}
+
+TEST_F(MediaApiSession, OnAWavTableEndsWithARenameThatFailsWithoutAReport)
+{
+    STDOUT_CAPTURE capture;
+    Run(qn_media_api_wav, 60);
+    EXPECT_TRUE(capture.HasLine("\\[QN_RecordClosePostProcess:[0-9]+\\] rename .* -> .*"));
+    EXPECT_EQ(0, capture.Count("[ERROR]"));
+    EXPECT_TRUE(TEST_List(Folder(0)).empty());
 }
