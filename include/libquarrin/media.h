@@ -122,8 +122,8 @@ QN_API int32_t FFMUXER_ReadClose(void *pReader);
 /// \param s32Width   width in pixels, even.
 /// \param s32Height  height in pixels, even, or 1.
 ///
-/// \return 0 done; FFmpeg's negative code, or -1, after a logged error. Five failures that carry no code of FFmpeg's
-///         (encoder missing, out of memory) give 0 as well; the log tells them apart.
+/// \return 0 done; -1 pu8Yuv is null; FFmpeg's negative code, or -1, after a logged error. Five failures that carry no
+///         code of FFmpeg's (encoder missing, out of memory) give 0 as well; the log tells them apart.
 ///
 /// Threads: any, at the same time on different paths.
 QN_API int32_t FFMUXER_SaveYuvToJpeg(const char *pszPath, const uint8_t *pu8Yuv, int32_t s32Width, int32_t s32Height);

@@ -17,17 +17,20 @@
 namespace libquarrin
 {
 
-constexpr uint64_t BYTES_PER_PIXEL = 3; // SDL_PIXELFORMAT_RGB24
+constexpr uint32_t BYTES_PER_PIXEL = 3;   // SDL_PIXELFORMAT_RGB24
+constexpr uint32_t JPEG_SIDE_MAX = 65500; // JPEG_MAX_DIMENSION of libjpeg
 
 static_assert(sizeof(int) == sizeof(int32_t), "SDL takes sizes as int");
 
 const tagQN_PHOTO_API_S qn_photo_api_jpeg = {JPEG_Write};
 
-// SDL takes sizes as int, and SDL_CreateRGBSurfaceWithFormatFrom accepts a surface of no size.
+// Nothing else reaches SDL: it takes sizes as int and crashes in the save of a surface without pixels, and SDL2_image
+// (2.6) crashes where libjpeg refuses the size.
 static bool IsPicture(const uint8_t *pu8Pixels, const tagQN_PHOTO_PARAM_S &stParam)
 {
-    return pu8Pixels != nullptr && stParam.u32Width != 0 && stParam.u32Height != 0 && stParam.u32Height <= INT_MAX &&
-           stParam.u32Pitch <= INT_MAX && stParam.u32Width * BYTES_PER_PIXEL <= stParam.u32Pitch;
+    return pu8Pixels != nullptr && stParam.u32Width != 0 && stParam.u32Width <= JPEG_SIDE_MAX &&
+           stParam.u32Height != 0 && stParam.u32Height <= JPEG_SIDE_MAX &&
+           stParam.u32Pitch >= stParam.u32Width * BYTES_PER_PIXEL && stParam.u32Pitch <= INT_MAX;
 }
 
 // Writes the surface as IMG_SaveJPG does, with a close-on-exec descriptor: commands that run meanwhile inherit none.
