@@ -5,6 +5,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <vector>
 
 #include <fcntl.h>
 #include <linux/blkpg.h>
@@ -173,4 +174,21 @@ bool LOOP_DEVICE::Remove()
     // The kernel answers "busy" while the last user is just closing it.
     m_bAdded = !TEST_WaitFor([this] { return Control(LOOP_CTL_REMOVE) == 0 || errno == ENODEV; });
     return !m_bAdded;
+}
+
+std::string TEST_CardImage(const std::string &strPath)
+{
+    constexpr uint32_t START_SECTOR = 2048;
+    constexpr uint32_t SECTORS = 64u * 1024 * 2 - START_SECTOR;
+    std::vector<char> vecSector(SECTOR_BYTES, 0);
+    vecSector[ENTRY_START - 4] = static_cast<char>(0x83); // the type: Linux
+    memcpy(&vecSector[ENTRY_START], &START_SECTOR, sizeof(START_SECTOR));
+    memcpy(&vecSector[ENTRY_SECTORS], &SECTORS, sizeof(SECTORS));
+    vecSector[SIGNATURE] = static_cast<char>(0x55);
+    vecSector[SIGNATURE + 1] = static_cast<char>(0xaa);
+    std::ofstream image(strPath, std::ios::binary);
+    image.write(vecSector.data(), static_cast<std::streamsize>(vecSector.size()));
+    image.seekp(static_cast<std::streamoff>((START_SECTOR + SECTORS) * SECTOR_BYTES - 1));
+    image.put('\0');
+    return strPath;
 }

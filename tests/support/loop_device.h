@@ -42,4 +42,7 @@ private:
     bool m_bAttached = false;
 };
 
+/// Makes an image of 64 MiB, which takes no room on the disk yet, with a DOS table of one partition; its path.
+std::string TEST_CardImage(const std::string &strPath);
+
 #endif
