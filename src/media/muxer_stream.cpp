@@ -21,7 +21,7 @@ namespace libquarrin
 static constexpr int32_t STREAM_TIME_BASE_DEN = 90000;
 static constexpr int32_t AAC_SAMPLES_PER_FRAME = 1024;
 
-static uint64_t LengthOf(const tagQN_BYTES &stBytes)
+static uint32_t LengthOf(const tagQN_BYTES &stBytes)
 {
     return stBytes.pu8Data != nullptr ? stBytes.u32Len : 0;
 }
@@ -29,8 +29,9 @@ static uint64_t LengthOf(const tagQN_BYTES &stBytes)
 // The parameter sets as the host gave them, one behind the other. False when FFmpeg cannot hold that many.
 static bool SetExtradata(AVCodecParameters *pPar, const tagQN_STREAM_PARAM_S *pstParam)
 {
-    const uint64_t u64Sps = LengthOf(pstParam->stSps);
-    const uint64_t u64Size = u64Sps + LengthOf(pstParam->stPps);
+    const uint32_t u32Sps = LengthOf(pstParam->stSps);
+    const uint32_t u32Pps = LengthOf(pstParam->stPps);
+    const uint64_t u64Size = uint64_t{u32Sps} + u32Pps;
     if (u64Size > static_cast<uint64_t>(INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE))
     {
         return false;
@@ -41,13 +42,13 @@ static bool SetExtradata(AVCodecParameters *pPar, const tagQN_STREAM_PARAM_S *ps
     {
         return false;
     }
-    if (u64Sps != 0)
+    if (u32Sps != 0)
     {
-        memcpy(pPar->extradata, pstParam->stSps.pu8Data, static_cast<size_t>(u64Sps));
+        memcpy(pPar->extradata, pstParam->stSps.pu8Data, u32Sps);
     }
-    if (u64Size != u64Sps)
+    if (u32Pps != 0)
     {
-        memcpy(pPar->extradata + u64Sps, pstParam->stPps.pu8Data, pstParam->stPps.u32Len);
+        memcpy(pPar->extradata + u32Sps, pstParam->stPps.pu8Data, u32Pps);
     }
     pPar->extradata_size = static_cast<int>(u64Size);
     return true;
@@ -57,8 +58,8 @@ static bool SetExtradata(AVCodecParameters *pPar, const tagQN_STREAM_PARAM_S *ps
 static uint32_t H265SetsIn(const tagQN_BYTES &stBytes)
 {
     uint32_t u32Found = 0;
-    const uint64_t u64Len = LengthOf(stBytes);
-    for (uint64_t i = 0; i + 3 < u64Len; ++i)
+    const uint32_t u32Len = LengthOf(stBytes);
+    for (uint32_t i = 0; i + 3 < u32Len; ++i)
     {
         const uint8_t *pu8 = stBytes.pu8Data + i;
         if (pu8[0] == 0 && pu8[1] == 0 && pu8[2] == 1) // also the end of a four-byte start code
