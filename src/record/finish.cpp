@@ -26,7 +26,7 @@ struct tagQN_FINISH_S
     std::string strFolder;
     std::string strNameTag;
     const char *pszExt;
-    bool bPathTaken; ///< the path belongs to another file already
+    bool bPathTaken; ///< the path belongs to another file already: QN_FINISH_MakeWay has moved this one
 };
 
 static tagQN_FINISH_S CopyOf(const tagQN_RECORD_HANDLER_S *pSession, const char *pszFunc)
@@ -41,18 +41,21 @@ static tagQN_FINISH_S CopyOf(const tagQN_RECORD_HANDLER_S *pSession, const char 
             false};
 }
 
-static void RemoveFile(const tagQN_FINISH_S &stFinish, const std::string &strPath)
-{
-    if (!stFinish.bPathTaken)
-    {
-        (void)remove(strPath.c_str()); // a file that is gone already is gone
-    }
-}
-
 static bool IsEmpty(const std::string &strPath)
 {
     struct stat stStat = {};
     return stat(strPath.c_str(), &stStat) == 0 && stStat.st_size == 0;
+}
+
+static bool IsTooShort(time_t tStart, time_t tEnd)
+{
+    return difftime(tEnd, tStart) < SHORTEST_SECONDS;
+}
+
+static std::string FinalPath(const tagQN_FINISH_S &stFinish, time_t tStart, time_t tEnd)
+{
+    return QN_STORAGE_GenerateRecordFile(stFinish.strMountPoint.c_str(), stFinish.strFolder.c_str(), tStart, tEnd,
+                                         stFinish.strNameTag.c_str(), stFinish.pszExt);
 }
 
 static uint32_t Finish(const tagQN_FINISH_S &stFinish, void *pWriter, const std::string &strPath, time_t tStart,
@@ -62,22 +65,27 @@ static uint32_t Finish(const tagQN_FINISH_S &stFinish, void *pWriter, const std:
     {
         (void)stFinish.pstMediaApi->pfnWriteClose(pWriter); // what is on the card by now is all there is
     }
-    if (difftime(tEnd, tStart) < SHORTEST_SECONDS)
+    if (IsTooShort(tStart, tEnd))
     {
-        RemoveFile(stFinish, strPath);
+        if (!stFinish.bPathTaken)
+        {
+            (void)remove(strPath.c_str()); // a file that is gone already is gone
+        }
         QN_TRACE("[%s:%d] remove %s ,time is less 5s\n", stFinish.pszFunc, __LINE__, strPath.c_str());
         return QN_RET_OK;
     }
-    if (IsEmpty(strPath))
+    const std::string strFinal = FinalPath(stFinish, tStart, tEnd);
+    const std::string &strPresent = stFinish.bPathTaken ? strFinal : strPath;
+    if (IsEmpty(strPresent))
     {
-        RemoveFile(stFinish, strPath);
+        (void)remove(strPresent.c_str());
         QN_TRACE("[%s:%d] remove %s ,size is zero\n", stFinish.pszFunc, __LINE__, strPath.c_str());
         return QN_RET_OK;
     }
-    const std::string strFinal =
-        QN_STORAGE_GenerateRecordFile(stFinish.strMountPoint.c_str(), stFinish.strFolder.c_str(), tStart, tEnd,
-                                      stFinish.strNameTag.c_str(), stFinish.pszExt);
-    (void)rename(strPath.c_str(), strFinal.c_str()); // the file keeps its in-progress name, and stays listed
+    if (!stFinish.bPathTaken)
+    {
+        (void)rename(strPath.c_str(), strFinal.c_str()); // a file that stays keeps its in-progress name, and is listed
+    }
     QN_TRACE("[%s:%d] rename %s -> %s\n", stFinish.pszFunc, __LINE__, strPath.c_str(), strFinal.c_str());
     return QN_RET_OK;
 }
@@ -103,12 +111,9 @@ uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *p
     return Finish(CopyOf(pSession, __func__), pWriter, strPath, tStart, tEnd);
 }
 
-uint32_t QN_FINISH_SplitFile(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
+// What finishing reads for a split event: of the event, if the library made it, and of the session.
+static tagQN_FINISH_S CopyOfEvent(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
 {
-    if (stEvent.pWriter == nullptr)
-    {
-        return QN_RET_NULL_HANDLE;
-    }
     tagQN_FINISH_S stFinish = CopyOf(stEvent.pstRecord, "QN_RecordClosePostProcess");
     if (stEvent.pstMediaApi != nullptr)
     {
@@ -116,7 +121,27 @@ uint32_t QN_FINISH_SplitFile(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
         stFinish.strNameTag = stEvent.strNameTag;
     }
     stFinish.bPathTaken = stEvent.bPathTaken;
-    return Finish(stFinish, stEvent.pWriter, stEvent.strFilePath, stEvent.tStart, stEvent.tEnd);
+    return stFinish;
+}
+
+void QN_FINISH_MakeWay(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
+{
+    if (IsTooShort(stEvent.tStart, stEvent.tEnd))
+    {
+        (void)remove(stEvent.strFilePath.c_str());
+        return;
+    }
+    const std::string strFinal = FinalPath(CopyOfEvent(stEvent), stEvent.tStart, stEvent.tEnd);
+    (void)rename(stEvent.strFilePath.c_str(), strFinal.c_str());
+}
+
+uint32_t QN_FINISH_SplitFile(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
+{
+    if (stEvent.pWriter == nullptr)
+    {
+        return QN_RET_NULL_HANDLE;
+    }
+    return Finish(CopyOfEvent(stEvent), stEvent.pWriter, stEvent.strFilePath, stEvent.tStart, stEvent.tEnd);
 }
 
 } // namespace libquarrin

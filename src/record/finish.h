@@ -12,6 +12,12 @@ namespace libquarrin
 /// Threads: the event thread, or a host's that destroys the session. Locks: none. Blocks: for the trailer.
 uint32_t QN_FINISH_SplitFile(const tagQN_AUTO_SPLIT_EVENT_S &stEvent);
 
+/// Takes the name away from a file that is being split off, for the next file that begins under the same one: removes it
+/// when it is too short to be kept, otherwise gives it its final name at once. Its writer goes on under no name.
+///
+/// Threads: the one that splits, in any order with QN_FINISH_SplitFile; bPathTaken is set. Locks: none taken.
+void QN_FINISH_MakeWay(const tagQN_AUTO_SPLIT_EVENT_S &stEvent);
+
 } // namespace libquarrin
 
 #endif

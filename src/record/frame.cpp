@@ -2,11 +2,11 @@
 // Threads: the host's, any number per session. Locks: stMutex, then mutexWriter around the writer; both are let go of
 // while the call waits for ring room, since the hot-unplug handler that would make room wants stMutex.
 
-#include <cstdio>
 #include <ctime>
 
 #include "core/event_queue.h"
 #include "core/handle_private.h"
+#include "record/finish.h"
 #include "record/session.h"
 #include "record/split_files.h"
 #include "storage/writing_files.h"
@@ -110,8 +110,8 @@ static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, const
     }
     if (bSamePath)
     {
-        // The old file ends in the second of its begin and would be removed as too short: its name goes to the new one.
-        (void)remove(pSession->strFilePath.c_str());
+        // The old file ends in the second of its begin, as a rule, and is too short to be kept; but the times are public.
+        QN_FINISH_MakeWay(*spEvent);
     }
     pSession->tFileStart = tNow;
     pSession->tRunStart = tNow;

@@ -153,7 +153,6 @@ TEST_F(Split, MakesAChainOfFiles)
     {
         Age(pSession, 60 + i);
         const time_t tStart = pSession->tFileStart;
-        TEST_WaitForNextSecond();
         Video(pSession, "key" + std::to_string(i), true);
         vecFinals.push_back(FinalPath(tStart, pSession->tFileStart));
     }
@@ -163,6 +162,29 @@ TEST_F(Split, MakesAChainOfFiles)
     EXPECT_EQ("begin\nkey0", TEST_ReadFile(vecFinals[1]));
     EXPECT_EQ("begin\nkey1", TEST_ReadFile(vecFinals[2]));
     EXPECT_EQ(4u, Names().size());
+}
+
+// Old and new file have one in-progress name when both begin in one second.
+TEST_F(Split, UnderOneNameKeepsBothFiles)
+{
+    tagQN_RECORD_HANDLER_S *pSession = Run(60, "one-name");
+    std::string strOldPath;
+    std::string strFinal;
+    for (int32_t i = 0; i < 10 && strOldPath != pSession->strFilePath; ++i) // until the clock does not step between
+    {
+        Video(pSession, "old", false);
+        Age(pSession, 60 + i);
+        const time_t tStart = pSession->tFileStart;
+        strOldPath = pSession->strFilePath;
+        Video(pSession, "new", true);
+        strFinal = FinalPath(tStart, pSession->tFileStart, "one-name");
+    }
+    ASSERT_EQ(strOldPath, pSession->strFilePath);
+    EXPECT_TRUE(TEST_WaitFor([] { return FAKE_MEDIA_OpenWriters() == 1; }));
+    ASSERT_TRUE(WaitForIdle());
+    const std::string strOld = TEST_ReadFile(strFinal);
+    EXPECT_EQ("old", strOld.substr(strOld.size() - 3)) << strOld;
+    EXPECT_EQ("begin\nnew", TEST_ReadFile(pSession->strFilePath));
 }
 
 TEST_F(Split, CountsRunningTimeOnly)
