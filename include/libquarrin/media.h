@@ -37,7 +37,7 @@ struct tagQN_MEDIA_API_S
     int64_t (*pfnGetWriteBytes)(void *pWriter);
 };
 
-/// FFmpeg: Matroska, MPEG-TS, MP4, MOV and raw AAC. Sessions and replays use this one.
+/// FFmpeg: Matroska, MPEG-TS, MP4 and MOV, and raw AAC for reading. Sessions and replays use this one.
 extern QN_API const tagQN_MEDIA_API_S qn_media_api_ffmpeg;
 /// WAV placeholder: keeps the shape, writes nothing, has no reader.
 extern QN_API const tagQN_MEDIA_API_S qn_media_api_wav;
