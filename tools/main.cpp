@@ -130,7 +130,7 @@ int main(int argc, char **argv)
     }
     CLI::App stApp("Records encoded video and audio into a folder and plays it back.", "quarrin");
     tagTOOL_OPTIONS_S stOptions;
-    stApp.require_subcommand(1);
+    stApp.require_subcommand(0, 1);
     stApp.set_version_flag("--version", libquarrin::QN_LibVersion());
     stApp.failure_message([](const CLI::App *, const CLI::Error &) { return std::string(); });
     AddRecord(stApp, stOptions);
@@ -149,6 +149,11 @@ int main(int argc, char **argv)
             return TOOL_OUTPUT_Write(stHelp.str()) ? TOOL_EXIT_GOOD : TOOL_EXIT_FAILED;
         }
         TOOL_OUTPUT_Say("%s (--help lists the options)", FirstLine(stError.what()).c_str());
+        return TOOL_EXIT_BAD_INPUT;
+    }
+    if (stApp.get_subcommands().empty())
+    {
+        TOOL_OUTPUT_Say("a subcommand is required (--help lists them)");
         return TOOL_EXIT_BAD_INPUT;
     }
     return RunCommand(stApp, stOptions);

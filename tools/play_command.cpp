@@ -110,6 +110,11 @@ static bool OpenAll(tagTOOL_PLAY_S &stPlay, bool &bBadInput)
     {
         return false;
     }
+    if (!TOOL_REPLAY_HasTime(stPlay.stReplay, stOptions.u32SeekSeconds))
+    {
+        stPlay.strError = stPlay.stReplay.strPath + " ends before that time";
+        return false;
+    }
     if (stOptions.u32SeekSeconds != 0 && !TOOL_REPLAY_Seek(stPlay.stReplay, stOptions.u32SeekSeconds))
     {
         stPlay.strError = stPlay.stReplay.strPath + " cannot be sought to that time";

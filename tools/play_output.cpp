@@ -2,6 +2,7 @@
 
 #include "play_output.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "output.h"
@@ -15,30 +16,7 @@ tagTOOL_PLAY_OUTPUT_S::~tagTOOL_PLAY_OUTPUT_S()
     avformat_free_context(pContext);
 }
 
-/// A header that cannot be mended afterwards, as on a pipe, needs the audio's configuration at once; a transport
-/// stream has it in every frame instead.
-static bool AddAacConfig(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, AVCodecParameters *pParameters)
-{
-    if (pParameters->codec_id != AV_CODEC_ID_AAC || pParameters->extradata_size != 0)
-    {
-        return true;
-    }
-    const std::vector<uint8_t> vecConfig = TOOL_REPLAY_AacConfig(stReplay, s32Stream);
-    if (vecConfig.empty())
-    {
-        return true;
-    }
-    pParameters->extradata = static_cast<uint8_t *>(av_mallocz(vecConfig.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-    if (pParameters->extradata == nullptr)
-    {
-        return false;
-    }
-    memcpy(pParameters->extradata, vecConfig.data(), vecConfig.size());
-    pParameters->extradata_size = static_cast<int>(vecConfig.size());
-    return true;
-}
-
-static bool AddStream(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTOOL_PLAY_OUTPUT_S &stOutput,
+static bool AddStream(const tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTOOL_PLAY_OUTPUT_S &stOutput,
                       std::string &strError)
 {
     const AVStream *pFrom = stReplay.pHeaders->streams[s32Stream];
@@ -49,8 +27,7 @@ static bool AddStream(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTOOL_PLA
         return false;
     }
     AVStream *pTo = avformat_new_stream(stOutput.pContext, nullptr);
-    if (pTo == nullptr || avcodec_parameters_copy(pTo->codecpar, pFrom->codecpar) < 0 ||
-        !AddAacConfig(stReplay, s32Stream, pTo->codecpar))
+    if (pTo == nullptr || avcodec_parameters_copy(pTo->codecpar, pFrom->codecpar) < 0)
     {
         strError = "out of memory";
         return false;
@@ -62,7 +39,7 @@ static bool AddStream(tagTOOL_REPLAY_S &stReplay, int32_t s32Stream, tagTOOL_PLA
     return true;
 }
 
-static bool AddStreams(tagTOOL_REPLAY_S &stReplay, tagTOOL_PLAY_OUTPUT_S &stOutput, std::string &strError)
+static bool AddStreams(const tagTOOL_REPLAY_S &stReplay, tagTOOL_PLAY_OUTPUT_S &stOutput, std::string &strError)
 {
     stOutput.vecStreams.assign(stReplay.pHeaders->nb_streams, -1);
     if (stReplay.s32Video >= 0 && stReplay.pHeaders->streams[stReplay.s32Video]->codecpar->video_delay > 0)
@@ -90,6 +67,31 @@ static const AVOutputFormat *FormatOf(const std::string &strOutput)
     const AVOutputFormat *pFormat = strOutput == "-" ? av_guess_format("matroska", nullptr, nullptr)
                                                      : av_guess_format(nullptr, strOutput.c_str(), nullptr);
     return pFormat == nullptr || (pFormat->flags & AVFMT_NOFILE) != 0 ? nullptr : pFormat;
+}
+
+/// A header that cannot be mended afterwards, as on a pipe, needs the audio's configuration at once; a transport
+/// stream has it in every frame instead.
+static bool AddAacConfig(tagTOOL_REPLAY_S &stReplay, tagTOOL_PLAY_OUTPUT_S &stOutput)
+{
+    const int32_t s32Stream = stReplay.s32Other < 0 ? -1 : stOutput.vecStreams[static_cast<size_t>(stReplay.s32Other)];
+    if (s32Stream < 0 || (stOutput.pContext->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0)
+    {
+        return true;
+    }
+    AVCodecParameters *pParameters = stOutput.pContext->streams[s32Stream]->codecpar;
+    if (pParameters->codec_id != AV_CODEC_ID_AAC || pParameters->extradata_size != 0)
+    {
+        return true;
+    }
+    const std::vector<uint8_t> vecConfig = TOOL_REPLAY_AacConfig(stReplay, stReplay.s32Other);
+    pParameters->extradata = static_cast<uint8_t *>(av_mallocz(vecConfig.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (pParameters->extradata == nullptr)
+    {
+        return false;
+    }
+    std::copy(vecConfig.begin(), vecConfig.end(), pParameters->extradata);
+    pParameters->extradata_size = static_cast<int>(vecConfig.size());
+    return true;
 }
 
 bool TOOL_PLAY_OUTPUT_Open(tagTOOL_REPLAY_S &stReplay, const std::string &strOutput, tagTOOL_PLAY_OUTPUT_S &stOutput,
@@ -120,7 +122,7 @@ bool TOOL_PLAY_OUTPUT_Open(tagTOOL_REPLAY_S &stReplay, const std::string &strOut
     }
     bBadInput = false;
     stOutput.pContext->avoid_negative_ts = AVFMT_AVOID_NEG_TS_MAKE_ZERO; // behind a seek the file begins at 0 as well
-    s32Result = avformat_write_header(stOutput.pContext, nullptr);
+    s32Result = AddAacConfig(stReplay, stOutput) ? avformat_write_header(stOutput.pContext, nullptr) : AVERROR(ENOMEM);
     stOutput.bHeader = s32Result >= 0;
     if (s32Result < 0)
     {

@@ -101,6 +101,12 @@ bool TOOL_REPLAY_Open(const std::string &strFile, const std::string &strStorage,
     return ReadHeaders(stReplay, strError);
 }
 
+bool TOOL_REPLAY_HasTime(const tagTOOL_REPLAY_S &stReplay, double dSeconds)
+{
+    const int64_t s64Duration = stReplay.pHeaders->duration;
+    return s64Duration <= 0 || dSeconds <= static_cast<double>(s64Duration) / AV_TIME_BASE;
+}
+
 bool TOOL_REPLAY_Seek(tagTOOL_REPLAY_S &stReplay, uint32_t u32Seconds)
 {
     // A transport stream's clock does not begin at 0; the library seeks by it, in whole seconds.

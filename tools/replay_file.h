@@ -39,6 +39,9 @@ struct tagTOOL_REPLAY_FRAME_S
 bool TOOL_REPLAY_Open(const std::string &strFile, const std::string &strStorage, tagTOOL_REPLAY_S &stReplay,
                       std::string &strError);
 
+/// False when the headers say that the file ends before a time. True when they do not say.
+bool TOOL_REPLAY_HasTime(const tagTOOL_REPLAY_S &stReplay, double dSeconds);
+
 /// Goes to the key frame at or before a second of the file. False when the file cannot be sought.
 bool TOOL_REPLAY_Seek(tagTOOL_REPLAY_S &stReplay, uint32_t u32Seconds);
 

@@ -8,6 +8,7 @@
 
 extern "C"
 {
+#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
@@ -120,19 +121,39 @@ static bool FindPicture(tagTOOL_SNAPSHOT_S &stSnapshot)
     return true;
 }
 
+/// A scaler that knows the ranges from the begin: set later, they do not count for a picture of unchanged size.
+static SwsContext *OpenScaler(const AVFrame *pFrom, int32_t s32Width, int32_t s32Height)
+{
+    SwsContext *pScaler = sws_alloc_context();
+    if (pScaler == nullptr)
+    {
+        return nullptr;
+    }
+    av_opt_set_int(pScaler, "srcw", pFrom->width, 0);
+    av_opt_set_int(pScaler, "srch", pFrom->height, 0);
+    av_opt_set_int(pScaler, "src_format", pFrom->format, 0);
+    av_opt_set_int(pScaler, "src_range", pFrom->color_range == AVCOL_RANGE_JPEG ? 1 : 0, 0);
+    av_opt_set_int(pScaler, "dstw", s32Width, 0);
+    av_opt_set_int(pScaler, "dsth", s32Height, 0);
+    av_opt_set_int(pScaler, "dst_format", AV_PIX_FMT_YUV420P, 0);
+    av_opt_set_int(pScaler, "dst_range", 1, 0);
+    av_opt_set_int(pScaler, "sws_flags", SWS_BICUBIC, 0);
+    if (sws_init_context(pScaler, nullptr, nullptr) < 0)
+    {
+        sws_freeContext(pScaler);
+        return nullptr;
+    }
+    return pScaler;
+}
+
 /// Full-range I420 of even size, tightly packed: what the library's writer takes.
 static bool ToI420(const AVFrame *pFrom, int32_t s32Width, int32_t s32Height, std::vector<uint8_t> &vecYuv)
 {
-    SwsContext *pScaler =
-        sws_getContext(pFrom->width, pFrom->height, static_cast<AVPixelFormat>(pFrom->format), s32Width, s32Height,
-                       AV_PIX_FMT_YUV420P, SWS_BICUBIC, nullptr, nullptr, nullptr);
+    SwsContext *pScaler = OpenScaler(pFrom, s32Width, s32Height);
     if (pScaler == nullptr)
     {
         return false;
     }
-    const int *ps32Matrix = sws_getCoefficients(SWS_CS_DEFAULT);
-    const int s32FromFull = pFrom->color_range == AVCOL_RANGE_JPEG ? 1 : 0;
-    (void)sws_setColorspaceDetails(pScaler, ps32Matrix, s32FromFull, ps32Matrix, 1, 0, 1 << 16, 1 << 16);
     const size_t uLuma = static_cast<size_t>(s32Width) * static_cast<size_t>(s32Height);
     vecYuv.assign(uLuma * 3 / 2, 0);
     uint8_t *apu8To[4] = {vecYuv.data(), vecYuv.data() + uLuma, vecYuv.data() + uLuma * 5 / 4, nullptr};
@@ -175,6 +196,11 @@ static bool Take(tagTOOL_SNAPSHOT_S &stSnapshot, const tagTOOL_SNAPSHOT_OPTIONS_
     if (TOOL_REPLAY_WouldOverwrite(stSnapshot.stReplay, stOptions.strOutput))
     {
         stSnapshot.strError = stOptions.strOutput + " is a recording and is not overwritten";
+        return false;
+    }
+    if (!TOOL_REPLAY_HasTime(stSnapshot.stReplay, stOptions.dAtSeconds))
+    {
+        stSnapshot.strError = stSnapshot.stReplay.strPath + " ends before that time";
         return false;
     }
     const int64_t s64Start = stSnapshot.stReplay.pHeaders->start_time;

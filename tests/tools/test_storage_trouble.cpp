@@ -1,0 +1,98 @@
+// A card that goes, is full or takes nothing any more; and a folder that is somebody's mount point.
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include "recordings.h"
+
+/// The one line of a message, wherever the progress lines stand.
+static size_t Count(const std::string &strText, const std::string &strPart)
+{
+    size_t uCount = 0;
+    for (size_t u = strText.find(strPart); u != std::string::npos; u = strText.find(strPart, u + 1))
+    {
+        uCount++;
+    }
+    return uCount;
+}
+
+TEST(RecordTrouble, SaysThatTheCardIsGone)
+{
+    RECORDING_S &stRecording = RECORDINGS::Get().Of("gone");
+    ASSERT_TRUE(stRecording.pTool->WaitForProgress(1)) << stRecording.pTool->Err();
+    ASSERT_EQ(0, rename(stRecording.strStorage.c_str(), (stRecording.strStorage + ".away").c_str()));
+    EXPECT_EQ(1, stRecording.pTool->Wait());
+    EXPECT_EQ(1u, Count(stRecording.pTool->Err(), "quarrin: card gone\n")) << stRecording.pTool->Err();
+    EXPECT_FALSE(TEST_Exists(stRecording.strStorage)) << "nothing may be made where the card was";
+}
+
+TEST(RecordTrouble, SaysThatTheStorageIsFullAtTheQuota)
+{
+    RECORDING_S &stRecording = RECORDINGS::Get().Of("full");
+    EXPECT_EQ(1, stRecording.pTool->Wait());
+    EXPECT_EQ(1u, Count(stRecording.pTool->Err(), "quarrin: storage full\n")) << stRecording.pTool->Err();
+}
+
+TEST(RecordTrouble, SaysThatTheFileDoesNotGrow)
+{
+    RECORDING_S &stRecording = RECORDINGS::Get().Of("stuck");
+    EXPECT_EQ(1, stRecording.pTool->Wait());
+    EXPECT_EQ(1u, Count(stRecording.pTool->Err(), "quarrin: not growing: ")) << stRecording.pTool->Err();
+}
+
+/// A small file system of the test's own.
+class MountedFolder : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_strFolder = RECORDINGS::Get().NewFolder();
+        if (mount("tmpfs", m_strFolder.c_str(), "tmpfs", 0, "size=256k") != 0)
+        {
+            ASSERT_EQ(EPERM, errno);
+            GTEST_SKIP() << "mounting a file system takes root's rights";
+        }
+        m_bMounted = true;
+    }
+    void TearDown() override
+    {
+        if (m_bMounted)
+        {
+            EXPECT_EQ(0, umount(m_strFolder.c_str()));
+        }
+    }
+
+    bool IsMounted() const
+    {
+        return TEST_ReadFile("/proc/self/mounts").find(" " + m_strFolder + " ") != std::string::npos;
+    }
+
+    std::string m_strFolder;
+    bool m_bMounted = false;
+};
+
+TEST_F(MountedFolder, StaysMountedWithItsFilesWhateverCommandIsRun)
+{
+    const std::string strKeep = TEST_Touch(m_strFolder + "/keep");
+    const std::string strClip = RECORDINGS::Get().Media("mpeg2.mpg");
+    EXPECT_EQ(0, TOOL_Run({"list", "--storage", m_strFolder}).s32Status);
+    EXPECT_EQ(2, TOOL_Run({"record", strClip, "--storage", m_strFolder}).s32Status);
+    EXPECT_EQ(2, TOOL_Run({"play", "none.mkv", "--frames", "--storage", m_strFolder}).s32Status);
+    EXPECT_EQ(2, TOOL_Run({"snapshot", "none.mkv", "out.jpg", "--storage", m_strFolder}).s32Status);
+    EXPECT_TRUE(IsMounted());
+    EXPECT_TRUE(TEST_Exists(strKeep));
+}
+
+TEST_F(MountedFolder, EndsARecordingAtOnceWhenTheFileSystemIsFull)
+{
+    const std::string strLong = RECORDINGS::Get().Media("long.ts");
+    const TOOL_RESULT_S stResult = TOOL_Run({"record", strLong, "--storage", m_strFolder, "--format", "ts"});
+    EXPECT_EQ(1, stResult.s32Status);
+    EXPECT_EQ(1u, Count(stResult.strErr, "quarrin: storage full\n")) << stResult.strErr;
+    EXPECT_TRUE(IsMounted());
+    EXPECT_EQ(1u, TEST_List(m_strFolder + "/rec").size()); // what fitted is kept and finished
+}
