@@ -1,8 +1,8 @@
 #include "photo_support.h"
 
-#include <atomic>
 #include <climits>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
 #include <sys/stat.h>
 #include <thread>
@@ -60,9 +60,15 @@ protected:
     // Writes silently; what was printed.
     std::string Write(const char *pszPath, const uint8_t *pu8Pixels, uint32_t u32Len, tagQN_PHOTO_PARAM_S stParam)
     {
-        STDOUT_CAPTURE capture;
-        EXPECT_EQ(0u, JPEG_Write(pszPath, pu8Pixels, u32Len, stParam));
-        return capture.Text();
+        uint32_t u32Ret = UINT_MAX;
+        std::string strPrinted;
+        {
+            STDOUT_CAPTURE capture;
+            u32Ret = JPEG_Write(pszPath, pu8Pixels, u32Len, stParam);
+            strPrinted = capture.Text();
+        }
+        EXPECT_EQ(0u, u32Ret);
+        return strPrinted;
     }
 
     void ExpectQuarters(const PICTURE_S &stPicture, int32_t s32Width, int32_t s32Height)
@@ -287,11 +293,11 @@ TEST_F(JpegWrite, OpensTheFileCloseOnExec)
         u32Seed = u32Seed * 1664525u + 1013904223u;
         u8Byte = static_cast<uint8_t>(u32Seed >> 24);
     }
-    STDOUT_CAPTURE capture;
+    auto capture = std::make_unique<STDOUT_CAPTURE>();
     std::thread writer([&] { JPEG_Write(m_strPath.c_str(), vec.data(), Length(vec), Param(1000, 400, 3000)); });
     const int32_t s32Reader = open(m_strPath.c_str(), O_RDONLY | O_CLOEXEC); // meets the writer's open
     struct pollfd stPoll = {s32Reader, POLLIN, 0};
-    EXPECT_EQ(1, poll(&stPoll, 1, 60000)); // the writer has begun
+    const int s32Polled = poll(&stPoll, 1, 60000); // the writer has begun
     std::vector<DESCRIPTOR_S> vecOpen = DescriptorsOf(m_strPath);
     std::string strBytes;
     char acBlock[65536];
@@ -302,7 +308,9 @@ TEST_F(JpegWrite, OpensTheFileCloseOnExec)
     }
     writer.join();
     close(s32Reader);
+    capture.reset(); // a failure is seen
 
+    EXPECT_EQ(1, s32Polled);
     ASSERT_EQ(2u, vecOpen.size());
     EXPECT_TRUE(vecOpen[0].bCloseOnExec);
     EXPECT_TRUE(vecOpen[1].bCloseOnExec);
@@ -314,7 +322,7 @@ TEST_F(JpegWrite, OpensTheFileCloseOnExec)
 TEST_F(JpegWrite, WorksOnSeveralThreadsAtOnce)
 {
     const std::vector<uint8_t> vec = Quarters(64, 48, 64 * 3);
-    STDOUT_CAPTURE capture;
+    auto capture = std::make_unique<STDOUT_CAPTURE>();
     std::vector<std::thread> vecThreads;
     for (int32_t i = 0; i < 4; ++i)
     {
@@ -332,7 +340,9 @@ TEST_F(JpegWrite, WorksOnSeveralThreadsAtOnce)
     {
         thread.join();
     }
-    EXPECT_EQ(40, capture.Count("ret =0\n"));
+    const int32_t s32Good = capture->Count("ret =0\n");
+    capture.reset(); // a failure is seen
+    EXPECT_EQ(40, s32Good);
     for (int32_t i = 0; i < 4; ++i)
     {
         ExpectQuarters(DecodeJpeg(m_strPath + std::to_string(i)), 64, 48);
