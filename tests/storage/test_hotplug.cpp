@@ -1,10 +1,12 @@
 // The hotplug monitor as a handle runs it: its thread, its real socket, and the kernel's own events.
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -205,7 +207,7 @@ TEST_F(Hotplug, CardIsMountedASecondAfterItCameAndUnmountedASecondAfterItWent)
     EXPECT_EQ(1, Unmounts());
 }
 
-TEST_F(Hotplug, EndDoesNotWaitForAnEventLongerThanItsSecond)
+TEST_F(Hotplug, EndJoinsAMonitorThatIsInTheSecondOfAnEvent)
 {
     if (!TEST_MaySendUevents())
     {
@@ -218,6 +220,36 @@ TEST_F(Hotplug, EndDoesNotWaitForAnEventLongerThanItsSecond)
     EXPECT_EQ(0u, QN_Destroy(m_pHandle)); // the monitor is in its second
     EXPECT_EQ(nullptr, m_pHandle);
     EXPECT_EQ(0, Unmounts());
+}
+
+TEST_F(Hotplug, EndGetsPastAMonitorThatWaitsForRoom)
+{
+    if (!TEST_MaySendUevents())
+    {
+        GTEST_SKIP() << "sending uevents needs root";
+    }
+    Init();
+    ASSERT_TRUE(WaitListening(1));
+    FAKE_PLATFORM_Stall("mkdir -p");
+    QN_EVENT_PushEvent(m_pHandle, QN_EVENT_E_MOUNT_DONE, nullptr);
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    for (uint32_t i = 0; i < QN_EVENT_SLOTS; ++i)
+    {
+        QN_EVENT_PushEvent(m_pHandle, static_cast<QN_EVENT_E>(5), nullptr);
+    }
+    Send("add");
+    ASSERT_TRUE(TEST_WaitFor([this] { return m_out.Has("] add@/devices/virtual/block/" + m_strName + "\n"); }));
+    std::atomic<bool> bEnded{false};
+    std::thread host(
+        [this, &bEnded]
+        {
+            EXPECT_EQ(0u, QN_Destroy(m_pHandle));
+            bEnded = true;
+        });
+    EXPECT_FALSE(TEST_WaitFor([&bEnded] { return bEnded.load(); }, 1200)); // its second is over: it waits for room
+    FAKE_PLATFORM_Release();
+    EXPECT_TRUE(TEST_WaitFor([&bEnded] { return bEnded.load(); }));
+    host.join();
 }
 
 TEST_F(Hotplug, KernelsOwnEventsOfALoopDeviceDriveTheHandle)

@@ -133,6 +133,22 @@ TEST_F(QuotaUnmount, UnmountOfTheEndWaitsForTheListingOfACheck)
     EXPECT_EQ(nullptr, m_pHandle);
 }
 
+TEST_F(QuotaUnmount, UnmountWaitsForTheFoldersThatAMountMakes)
+{
+    FAKE_PLATFORM_Reset();
+    FAKE_PLATFORM_Stall("mkdir -p");
+    QN_EVENT_PushEvent(m_pHandle, QN_EVENT_E_MOUNT_DONE, nullptr);
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    std::thread host([this] { EXPECT_EQ(0u, QN_StorageUnMount(m_pHandle)); });
+    EXPECT_FALSE(TEST_WaitFor([] { return FAKE_PLATFORM_CommandCount("umount") > 0; }, GRACE_MS));
+    FAKE_PLATFORM_Release();
+    host.join();
+    const std::vector<std::string> vecExpected = {"mkdir -p " + Folder(0), "mkdir -p " + Folder(1),
+                                                  "mkdir -p " + Folder(2),
+                                                  "umount " + m_strMount + "; rm -rf " + m_strMount};
+    EXPECT_EQ(vecExpected, FAKE_PLATFORM_Commands());
+}
+
 TEST_F(QuotaUnmount, UnmountRightAfterASessionFindsNothingOpen)
 {
     for (int32_t i = 0; i < 500; ++i)

@@ -1,0 +1,85 @@
+// Uevents that came while no socket was open are made up for by a look at the device.
+
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "storage/hotplug_rig.h"
+
+using namespace libquarrin;
+
+namespace
+{
+
+class HotplugReopen : public ::testing::Test
+{
+protected:
+    HotplugReopen()
+    {
+        FAKE_PLATFORM_Reset();
+    }
+
+    /// Breaks the socket, so that the next pass opens a new one.
+    static void Break(const HOTPLUG_RIG &rig)
+    {
+        QN_STORAGE_HotplugNetlinkClose(rig.pHandle->s32NetlinkFd);
+        rig.pHandle->stHotplugThread.s32Run = 1; // a pass looks whether a stop is asked for
+    }
+
+    TEMP_DIR m_dir;
+    STDOUT_CAPTURE m_out;
+};
+
+} // namespace
+
+TEST_F(HotplugReopen, CardThatCameOrWentMeanwhileIsNoticedASecondLater)
+{
+    const HOTPLUG_RIG came(m_dir.strPath, "came");
+    TEST_Touch(m_dir.strPath + "/went");
+    const HOTPLUG_RIG went(m_dir.strPath, "went");
+    EXPECT_TRUE(TEST_WaitFor([&went] { return went.pHandle->enState.load() == QN_STATE_E_PLUGIN; }));
+    Break(came);
+    Break(went);
+    TEST_Touch(came.strDevice);
+    unlink(went.strDevice.c_str());
+    std::thread other([&came] { EXPECT_GE(came.Pass(), 1.0); });
+    EXPECT_GE(went.Pass(), 1.0);
+    other.join();
+    EXPECT_TRUE(came.WaitForIdle());
+    EXPECT_TRUE(went.WaitForIdle());
+    EXPECT_EQ(QN_STATE_E_PLUGIN, came.pHandle->enState.load()); // it has no partition
+    EXPECT_EQ(0, came.Outs());
+    EXPECT_EQ(QN_STATE_E_UNPLUGIN, went.pHandle->enState.load());
+    EXPECT_EQ(1, went.Outs());
+}
+
+TEST_F(HotplugReopen, NothingIsPostedWhenNothingChanged)
+{
+    const HOTPLUG_RIG absent(m_dir.strPath, "absent");
+    TEST_Touch(m_dir.strPath + "/present");
+    const HOTPLUG_RIG present(m_dir.strPath, "present");
+    EXPECT_TRUE(present.WaitForIdle());
+    FAKE_PLATFORM_Reset();
+    Break(absent);
+    Break(present);
+    std::thread other([&absent] { absent.Pass(); });
+    present.Pass();
+    other.join();
+    EXPECT_TRUE(absent.WaitForIdle());
+    EXPECT_TRUE(present.WaitForIdle());
+    EXPECT_TRUE(FAKE_PLATFORM_Logs().empty());
+    EXPECT_TRUE(FAKE_PLATFORM_Commands().empty());
+}
+
+TEST_F(HotplugReopen, StopIsNotMadeToWaitForTheLook)
+{
+    const HOTPLUG_RIG rig(m_dir.strPath, "stopped");
+    Break(rig);
+    rig.pHandle->stHotplugThread.s32Run = 0;
+    TEST_Touch(rig.strDevice);
+    rig.Pass();
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(QN_STATE_E_UNPLUGIN, rig.pHandle->enState.load());
+}
