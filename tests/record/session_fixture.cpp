@@ -134,6 +134,15 @@ void SESSION_TEST::Age(tagQN_RECORD_HANDLER_S *pSession, int32_t s32Seconds)
     pthread_mutex_unlock(&pSession->stMutex);
 }
 
+std::string SESSION_TEST::SplitOff(tagQN_RECORD_HANDLER_S *pSession)
+{
+    Age(pSession, 60);
+    const time_t tStart = pSession->tFileStart;
+    pSession->strNameTag += "+";
+    EXPECT_EQ(0u, Video(pSession, "next", true));
+    return FinalPath(tStart, pSession->tFileStart, pSession->strNameTag);
+}
+
 void SESSION_TEST::SetState(tagQN_RECORD_HANDLER_S *pSession, int32_t s32State)
 {
     pthread_mutex_lock(&pSession->stMutex);

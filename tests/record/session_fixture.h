@@ -53,6 +53,10 @@ protected:
     /// As if the file, and the run when there is one, had begun s32Seconds earlier.
     static void Age(libquarrin::tagQN_RECORD_HANDLER_S *pSession, int32_t s32Seconds);
 
+    /// Splits a session that was started with a split duration, as if its file were a minute old; the next file has
+    /// another tag, and so another name even in the second of the start. The path that the old file will have.
+    std::string SplitOff(libquarrin::tagQN_RECORD_HANDLER_S *pSession);
+
     /// Puts a session into a state, from outside.
     static void SetState(libquarrin::tagQN_RECORD_HANDLER_S *pSession, int32_t s32State);
 

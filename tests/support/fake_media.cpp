@@ -28,6 +28,7 @@ struct FAKE_MEDIA_STATE_S
     std::vector<std::string> vecViolations;
     std::string strHeader = "begin\n";
     FAKE_CALL_E enStall = FAKE_CALL_E_NONE;
+    int32_t s32StallCount = 0; ///< calls that are still to be held up
     int32_t s32Stalled = 0;
     int32_t s32FailOpens = 0;
     int32_t s32NullWrites = 0;
@@ -40,23 +41,24 @@ FAKE_MEDIA_STATE_S &State()
     return *pState;
 }
 
-bool IsStalled(FAKE_CALL_E enCall)
+bool IsReleased(FAKE_CALL_E enCall)
 {
     std::lock_guard<std::mutex> lock(State().mutex);
-    return State().enStall == enCall;
+    return State().enStall != enCall;
 }
 
 void Hold(FAKE_CALL_E enCall)
 {
-    if (!IsStalled(enCall))
-    {
-        return;
-    }
     {
         std::lock_guard<std::mutex> lock(State().mutex);
+        if (State().enStall != enCall || State().s32StallCount == 0)
+        {
+            return;
+        }
+        State().s32StallCount -= 1;
         State().s32Stalled += 1;
     }
-    while (IsStalled(enCall))
+    while (!IsReleased(enCall))
     {
         TEST_SleepMs(1);
     }
@@ -236,10 +238,11 @@ void FAKE_MEDIA_SetHeader(const std::string &strHeader)
     State().strHeader = strHeader;
 }
 
-void FAKE_MEDIA_Stall(FAKE_CALL_E enCall)
+void FAKE_MEDIA_Stall(FAKE_CALL_E enCall, int32_t s32Count)
 {
     std::lock_guard<std::mutex> lock(State().mutex);
     State().enStall = enCall;
+    State().s32StallCount = s32Count;
 }
 
 bool FAKE_MEDIA_WaitStalled(int32_t s32Ms)
@@ -255,7 +258,7 @@ bool FAKE_MEDIA_WaitStalled(int32_t s32Ms)
 
 void FAKE_MEDIA_Release()
 {
-    FAKE_MEDIA_Stall(FAKE_CALL_E_NONE);
+    FAKE_MEDIA_Stall(FAKE_CALL_E_NONE, 0);
 }
 
 std::vector<FAKE_WRITER_S> FAKE_MEDIA_Writers()
@@ -269,12 +272,19 @@ std::vector<FAKE_WRITER_S> FAKE_MEDIA_Writers()
     return vecWriters;
 }
 
+int32_t FAKE_MEDIA_Opens()
+{
+    std::lock_guard<std::mutex> lock(State().mutex);
+    return static_cast<int32_t>(State().vecFiles.size());
+}
+
 int32_t FAKE_MEDIA_OpenWriters()
 {
+    std::lock_guard<std::mutex> lock(State().mutex);
     int32_t s32Open = 0;
-    for (const FAKE_WRITER_S &stWriter : FAKE_MEDIA_Writers())
+    for (const std::unique_ptr<FAKE_FILE_S> &spFile : State().vecFiles)
     {
-        s32Open += stWriter.s32Closes == 0 ? 1 : 0;
+        s32Open += spFile->stRecord.s32Closes == 0 ? 1 : 0;
     }
     return s32Open;
 }

@@ -50,8 +50,8 @@ void FAKE_MEDIA_FailWrites();
 /// Files begin with this; empty makes them begin at size 0.
 void FAKE_MEDIA_SetHeader(const std::string &strHeader);
 
-/// Holds up the calls of one kind until FAKE_MEDIA_Release.
-void FAKE_MEDIA_Stall(FAKE_CALL_E enCall);
+/// Holds up the calls of one kind until FAKE_MEDIA_Release; with s32Count only the next so many.
+void FAKE_MEDIA_Stall(FAKE_CALL_E enCall, int32_t s32Count = INT32_MAX);
 
 /// Waits until a call is held up. False after s32Ms milliseconds.
 bool FAKE_MEDIA_WaitStalled(int32_t s32Ms = 5000);
@@ -61,6 +61,9 @@ void FAKE_MEDIA_Release();
 
 /// The writers so far, in order of their opening.
 std::vector<FAKE_WRITER_S> FAKE_MEDIA_Writers();
+
+/// Writers that were opened.
+int32_t FAKE_MEDIA_Opens();
 
 /// Writers that were opened and not closed.
 int32_t FAKE_MEDIA_OpenWriters();
