@@ -15,6 +15,7 @@ void CORE_TEST::SetUp()
 {
     CARD_TEST::SetUp();
     m_spLimit.reset(new PROCESS_LIMIT(120));
+    std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
     THREAD_CREATION_Reset();
     SYSTEM_CALLS_Reset();
     FAKE_BACKEND_Reset();

@@ -110,6 +110,7 @@ TEST_F(Unmount, RightAfterASessionWithQueuedSplitsWasDestroyedFindsNothingOpen)
     }
     EXPECT_EQ(0u, QN_StorageUnMount(m_pHandle));
     EXPECT_EQ(std::vector<std::string>{}, OpenAtUnmount());
+    ASSERT_TRUE(Settle()); // the stalled file is closed by the event thread
     EXPECT_EQ(FAKE_BACKEND_Opens(), FAKE_BACKEND_Closes());
 }
 

@@ -73,8 +73,8 @@ protected:
     void SetUp() override
     {
         FAKE_PLATFORM_Reset();
-        THREAD_CREATION_Reset();
         std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
+        THREAD_CREATION_Reset();
         m_s32Threads = PROCESS_ThreadCount();
     }
 
