@@ -6,6 +6,8 @@
 #include <sstream>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 STDOUT_CAPTURE::STDOUT_CAPTURE()
 {
     char szPath[] = "/tmp/quarrin-stdout-XXXXXX";
@@ -18,9 +20,11 @@ STDOUT_CAPTURE::STDOUT_CAPTURE()
 
 STDOUT_CAPTURE::~STDOUT_CAPTURE()
 {
+    const std::string strText = testing::Test::HasFailure() ? Text() : ""; // holds the failures' own messages too
     fflush(stdout);
     dup2(m_s32Saved, STDOUT_FILENO);
     close(m_s32Saved);
+    (void)fwrite(strText.data(), 1, strText.size(), stdout);
     close(m_s32File);
 }
 
