@@ -139,6 +139,7 @@ int32_t TOOL_ListCommand(const tagTOOL_LIST_OPTIONS_S &stOptions)
         return TOOL_EXIT_FAILED;
     }
     std::vector<tagTOOL_LISTED_S> vecFiles;
+    vecFiles.reserve(vecInfos.size());
     for (const libquarrin::tagQN_FILE_INFO_S &stInfo : vecInfos)
     {
         vecFiles.push_back(Describe(stInfo));

@@ -164,7 +164,7 @@ static std::string FindInVolumes(const tagQN_HANDLER_S *pHandle, const std::stri
         {
             continue;
         }
-        const std::string strPath = pHandle->pszMountPoint + "/" + stVolume.pszFolder + "/" + strName;
+        std::string strPath = pHandle->pszMountPoint + "/" + stVolume.pszFolder + "/" + strName;
         if (access(strPath.c_str(), F_OK) == 0)
         {
             return strPath;
