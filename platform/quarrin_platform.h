@@ -29,6 +29,9 @@ extern "C"
     /// removed, if it is empty. The text between is one path, blanks and all. Any other line that begins with umount
     /// and goes on to an rm is refused.
     ///
+    /// The line "mkdir -p X; mount D X" is answered with 0 and not run when the block device D is what is mounted on X:
+    /// a card that the kernel announces twice stays mounted. D and X count by what they lead to, also through links.
+    ///
     /// \param cmd  NUL-terminated command line; borrowed for the call.
     ///
     /// \return the exit status of the line, 128 + n when signal n ended it; 127 when cmd is null or no shell could be

@@ -1,5 +1,6 @@
 // The command runner: one shell command line in, its exit status out.
-// Threads: any. Locks: none. Not here: starting the shell (process.cpp), the unmount line (unmount.cpp).
+// Threads: any. Locks: none. Not here: starting the shell (process.cpp), the mount and unmount lines (mount.cpp,
+// unmount.cpp).
 
 #include "quarrin_platform.h"
 
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "log.h"
+#include "mount.h"
 #include "process.h"
 #include "unmount.h"
 
@@ -30,7 +32,12 @@ extern "C" int QN_PLATFORM_RunCommand(const char *cmd)
         PLATFORM_LogError("no command line to run");
         return PLATFORM_NOT_STARTED;
     }
+    std::string strDevice;
     std::string strPath;
+    if (PLATFORM_IsMountLine(cmd, strDevice, strPath) && PLATFORM_IsMountedOn(strDevice, strPath))
+    {
+        return 0;
+    }
     switch (PLATFORM_ClassifyLine(cmd, strPath))
     {
     case PLATFORM_LINE_UNMOUNT:

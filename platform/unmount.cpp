@@ -11,15 +11,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "log.h"
+#include "mount_table.h"
 #include "process.h"
 
 static const std::string UMOUNT_PART = "umount ";
@@ -59,48 +57,12 @@ PLATFORM_LINE_E PLATFORM_ClassifyLine(const std::string &strLine, std::string &s
     return HasRemove(strLine) ? PLATFORM_LINE_DANGEROUS : PLATFORM_LINE_ORDINARY;
 }
 
-// The kernel writes blank, tab, newline and backslash of a path as \ and three octal digits.
-static std::string DecodeOctal(const std::string &strText)
-{
-    std::string strPlain;
-    for (size_t i = 0; i < strText.size(); ++i)
-    {
-        const bool bCode =
-            strText[i] == '\\' && i + 3 < strText.size() && strText.find_first_not_of("01234567", i + 1) > i + 3;
-        strPlain += bCode ? static_cast<char>(strtol(strText.substr(i + 1, 3).c_str(), nullptr, 8)) : strText[i];
-        i += bCode ? 3 : 0;
-    }
-    return strPlain;
-}
-
-bool PLATFORM_TableHasMount(const std::string &strTable, const std::string &strPath)
-{
-    std::istringstream table(strTable);
-    std::string strLine;
-    while (std::getline(table, strLine))
-    {
-        std::istringstream line(strLine);
-        std::string strColumn;
-        for (int32_t i = 0; i < 5; ++i) // id, parent, major:minor, root, mount point
-        {
-            line >> strColumn;
-        }
-        if (line && DecodeOctal(strColumn) == strPath)
-        {
-            return true;
-        }
-    }
-    return false;
-}
-
 // bUnknown is the answer when the table cannot be read.
 static bool IsMountPoint(const std::string &strPath, bool bUnknown)
 {
-    std::ifstream file("/proc/self/mountinfo");
-    const std::string strTable((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string strTable = PLATFORM_ReadMountTable();
     if (strTable.empty())
     {
-        PLATFORM_LogError("cannot read /proc/self/mountinfo");
         return bUnknown;
     }
     return PLATFORM_TableHasMount(strTable, strPath);

@@ -16,9 +16,6 @@ enum PLATFORM_LINE_E : int32_t
 /// Says what a command line is; strPath is X of an unmount line and untouched otherwise.
 PLATFORM_LINE_E PLATFORM_ClassifyLine(const std::string &strLine, std::string &strPath);
 
-/// The path stands in the fifth column of a mount table in the form of /proc/self/mountinfo.
-bool PLATFORM_TableHasMount(const std::string &strTable, const std::string &strPath);
-
 /// Takes one mount off the path, and its directory when that leaves it an empty ordinary one. 0 or 1; says why.
 int32_t PLATFORM_Unmount(const std::string &strPath);
 

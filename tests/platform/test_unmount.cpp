@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 
 #include "helpers.h"
+#include "mount_table.h"
 #include "quarrin_platform.h"
 #include "unmount.h"
 

@@ -1,0 +1,15 @@
+// The mount line "mkdir -p X; mount D X" for a card that is mounted already.
+// Threads: any. Locks: none.
+#ifndef QUARRIN_PLATFORM_MOUNT_H
+#define QUARRIN_PLATFORM_MOUNT_H
+
+#include <string>
+
+/// The line is a mount line: X twice the same path, blanks and all, D a word without a blank. Fills both then, and
+/// leaves them untouched otherwise.
+bool PLATFORM_IsMountLine(const std::string &strLine, std::string &strDevice, std::string &strPath);
+
+/// What is seen at the path is the file system on this block device, whichever of its names either is given by.
+bool PLATFORM_IsMountedOn(const std::string &strDevice, const std::string &strPath);
+
+#endif
