@@ -3,7 +3,6 @@
 #define QUARRIN_TESTS_SESSION_FIXTURE_H
 
 #include <ctime>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,16 +12,8 @@
 #include "support/card.h"
 #include "support/fake_media.h"
 #include "support/fake_platform.h"
+#include "support/printed.h"
 #include "support/wait.h"
-
-/// What everything that fn does prints on standard output.
-std::string TEST_Printed(const std::function<void()> &fn);
-
-/// A whole line of the text fits an ECMAScript regular expression.
-bool TEST_HasLine(const std::string &strText, const std::string &strPattern);
-
-/// The text as a regular expression that fits it alone.
-std::string TEST_Plain(const std::string &strText);
 
 /// A mounted card. The test fails when the back end saw a call that may never be.
 class SESSION_TEST : public CARD_TEST

@@ -1,0 +1,193 @@
+// Replays and a card that goes, and files that are broken.
+
+#include "replay_fixture.h"
+
+#include <atomic>
+#include <random>
+
+#include "support/process.h"
+
+using namespace libquarrin;
+
+class ReplayTraps : public REPLAY_TEST
+{
+protected:
+    // Reads to the end or to an error, frame by frame; the number of frames.
+    static int32_t ReadAll(tagQN_REPLAY_HANDLER_S *pReplay)
+    {
+        int32_t s32Frames = 0;
+        uint8_t *pu8Data = nullptr;
+        uint32_t u32Size = 0;
+        uint64_t u64Pts = 0;
+        bool bKey = false;
+        bool bVideo = false;
+        while (QN_ReplayReadFrame(pReplay, &pu8Data, &u32Size, &u64Pts, &bKey, &bVideo) == 0)
+        {
+            ++s32Frames;
+            QN_ReplayFreeFrame(pReplay, pu8Data);
+        }
+        return s32Frames;
+    }
+
+    PROCESS_LIMIT m_limit{120};
+};
+
+TEST_F(ReplayTraps, AnUnplugClosesTheReaderAndKeepsTheReplay)
+{
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    FAKE_PLATFORM_OnCommand(
+        [this](const std::string &strCommand)
+        {
+            if (strCommand.find("umount") == 0)
+            {
+                EXPECT_TRUE(PROCESS_DescriptorsBelow(m_strMount).empty());
+            }
+            return 0;
+        });
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount("umount"));
+    EXPECT_EQ(nullptr, pReplay->pReader);
+    EXPECT_EQ(1u, m_pHandle->lstReplay.size());
+    EXPECT_EQ(8u, QN_ReplaySeekTime(pReplay, 0));
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
+    EXPECT_TRUE(m_pHandle->lstReplay.empty());
+    FAKE_PLATFORM_OnCommand(nullptr);
+}
+
+TEST_F(ReplayTraps, AnUnplugOfATableWithoutTheCloseSlotIsHarmless)
+{
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    pReplay->pstMediaApi->pfnReadClose(pReplay->pReader);
+    pReplay->pstMediaApi = &qn_media_api_wav;
+    int32_t s32Reader = 0;
+    pReplay->pReader = &s32Reader;
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+    EXPECT_EQ(nullptr, pReplay->pReader);
+    EXPECT_EQ(QN_STATE_E_UNPLUGIN, m_pHandle->enState.load());
+}
+
+TEST_F(ReplayTraps, ATableWithoutReadSlotsGivesEight)
+{
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    pReplay->pstMediaApi->pfnReadClose(pReplay->pReader);
+    pReplay->pstMediaApi = &qn_media_api_wav;
+    int32_t s32Reader = 0;
+    pReplay->pReader = &s32Reader;
+    tagQN_METADATA_S stMetadata = {};
+    EXPECT_EQ(8u, QN_ReplayReadMetadata(pReplay, &stMetadata));
+    EXPECT_EQ(0, ReadAll(pReplay));
+    EXPECT_EQ(8u, QN_ReplaySeekTime(pReplay, 0));
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
+}
+
+TEST_F(ReplayTraps, ClosesAgainstUnplugsInALoopReturn)
+{
+    const std::string strPath = Clip();
+    std::atomic<bool> bEnd{false};
+    std::thread plugger(
+        [&]
+        {
+            while (!bEnd)
+            {
+                QN_EVENT_HandleHotplugOut(m_pHandle);
+                QN_EVENT_HandleHotplugIn(m_pHandle);
+                std::this_thread::yield();
+            }
+        });
+    int32_t s32Opened = 0;
+    for (int32_t i = 0; i < 2000 && s32Opened < 40; ++i)
+    {
+        tagQN_REPLAY_HANDLER_S *pReplay = nullptr;
+        if (QN_ReplayOpenByFilePath(m_pHandle, strPath, m_stReplayParam, pReplay) == 0)
+        {
+            ++s32Opened;
+            ReadAll(pReplay);
+            EXPECT_EQ(0, QN_ReplayClose(pReplay));
+        }
+    }
+    bEnd = true;
+    plugger.join();
+    EXPECT_GT(s32Opened, 0);
+    EXPECT_TRUE(m_pHandle->lstReplay.empty());
+    EXPECT_TRUE(PROCESS_DescriptorsBelow(m_strMount).empty());
+}
+
+TEST_F(ReplayTraps, AnOpenDuringAnUnmountWaitsAndIsRefused)
+{
+    const std::string strPath = Clip();
+    FAKE_PLATFORM_Stall("umount");
+    std::thread unmounter([this] { EXPECT_EQ(0u, QN_StorageUnMount(m_pHandle)); });
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    std::thread opener(
+        [&]
+        {
+            tagQN_REPLAY_HANDLER_S *pReplay = nullptr;
+            EXPECT_EQ(3u, QN_ReplayOpenByFilePath(m_pHandle, strPath, m_stReplayParam, pReplay));
+            std::vector<tagQN_FILE_INFO_S> vecFiles;
+            EXPECT_EQ(3u, QN_ReplayListFile(m_pHandle, QN_VOLUME_ID_E_0, &vecFiles));
+        });
+    TEST_SleepMs(10);
+    EXPECT_TRUE(PROCESS_DescriptorsBelow(m_strMount).empty()) << "nothing is opened while the card is going";
+    FAKE_PLATFORM_Release();
+    unmounter.join();
+    opener.join();
+}
+
+TEST_F(ReplayTraps, CallsOfSeveralThreadsOnOneReplayAreSerialised)
+{
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    std::vector<std::thread> vecThreads;
+    for (int32_t i = 0; i < 3; ++i)
+    {
+        vecThreads.emplace_back(
+            [pReplay]
+            {
+                for (uint64_t j = 0; j < 50; ++j)
+                {
+                    tagQN_METADATA_S stMetadata = {};
+                    EXPECT_EQ(0u, QN_ReplayReadMetadata(pReplay, &stMetadata));
+                    EXPECT_EQ(64u, stMetadata.u32Width);
+                    QN_ReplaySeekTime(pReplay, 0);
+                }
+            });
+    }
+    for (std::thread &thread : vecThreads)
+    {
+        thread.join();
+    }
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
+}
+
+TEST_F(ReplayTraps, TruncatedAndRandomFilesDoNoHarm)
+{
+    std::minstd_rand random(7);
+    for (const int32_t s32Format : {0, 1, 2, 3})
+    {
+        const QN_FILE_FMT_E enFormat = static_cast<QN_FILE_FMT_E>(s32Format);
+        const std::string strPath = Folder(0) + "/2024-03-01-08-15-00." + QN_STORAGE_FmtType2FileExt(enFormat);
+        TEST_WriteClip(strPath, enFormat);
+        const std::string strWhole = TEST_ReadFile(strPath);
+        for (int32_t i = 0; i < 12; ++i)
+        {
+            std::string strBroken = strWhole.substr(0, random() % strWhole.size());
+            for (int32_t j = 0; i % 2 == 1 && j < 20 && !strBroken.empty(); ++j)
+            {
+                strBroken[random() % strBroken.size()] = static_cast<char>(random());
+            }
+            TEST_Touch(strPath, strBroken);
+            tagQN_REPLAY_HANDLER_S *pReplay = nullptr;
+            const uint32_t u32Result = QN_ReplayOpenByFilePath(m_pHandle, strPath, m_stReplayParam, pReplay);
+            EXPECT_TRUE(u32Result == 0 || u32Result == 7) << u32Result;
+            EXPECT_EQ(u32Result == 0, pReplay != nullptr);
+            if (pReplay != nullptr)
+            {
+                ReadAll(pReplay);
+                QN_ReplaySeekTime(pReplay, 1);
+                ReadAll(pReplay);
+                EXPECT_EQ(0, QN_ReplayClose(pReplay));
+            }
+        }
+    }
+    EXPECT_TRUE(m_pHandle->lstReplay.empty());
+    EXPECT_TRUE(PROCESS_DescriptorsBelow(m_strMount).empty());
+}
