@@ -1,6 +1,7 @@
 #include "demuxer_fixture.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <tuple>
 

@@ -2,13 +2,14 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 extern "C"
 {
-#include <libavcodec/codec_id.h>
 #include <libavutil/error.h>
 }
 

@@ -1,5 +1,6 @@
 #include "photo_support.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -16,7 +17,7 @@ extern "C"
 
 uint8_t PLANE_S::At(int32_t s32X, int32_t s32Y) const
 {
-    return vecBytes.at(static_cast<size_t>(s32Y * s32Width + s32X));
+    return vecBytes.at(static_cast<size_t>(s32Y) * static_cast<size_t>(s32Width) + static_cast<size_t>(s32X));
 }
 
 int32_t PLANE_S::FarthestFrom(int32_t s32Value) const
