@@ -65,11 +65,6 @@ void Job(void *pArg)
 class ThreadUtility : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one; it counts from now on
-    }
-
     void SetUp() override
     {
         FAKE_PLATFORM_Reset();
