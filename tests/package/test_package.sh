@@ -7,6 +7,13 @@ build=$1
 source=$2
 here=$source/tests/package
 compiler=${CXX:-g++}
+# A build for another machine: its CMake toolchain file, its libraries, and the command that starts its programs.
+toolchain=${QUARRIN_TOOLCHAIN-}
+sysroot=${QUARRIN_SYSROOT-}
+emulator=${QUARRIN_EMULATOR-}
+machine=$("$compiler" -dumpmachine)
+# The linker looks for the libraries that the library needs.
+link=${sysroot:+--sysroot=$sysroot -Wl,-rpath-link,$sysroot/usr/lib/$machine -Wl,-rpath-link,$sysroot/lib/$machine}
 work=$(mktemp -d /tmp/quarrin-package-XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
 failures=0
@@ -28,7 +35,8 @@ check()
 # says STATUS PROGRAM: the program succeeds and reports that status of its command.
 says()
 {
-    "$2" 2>&1 >/dev/null | tee "$work/said" | grep -qx "status $1" || { cat "$work/said"; return 1; }
+    # shellcheck disable=SC2086 # the emulator has arguments
+    $emulator "$2" 2>&1 >/dev/null | tee "$work/said" | grep -qx "status $1" || { cat "$work/said"; return 1; }
 }
 
 installed()
@@ -60,16 +68,23 @@ no_path_of_the_build()
     ! grep -rnF -e "$source" -e "$build" "$prefix/include" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig"
 }
 
+# The file of a library that the library names as needed.
+path_of()
+{
+    if [ -n "$sysroot" ]; then
+        find "$sysroot/usr/lib/$machine" "$sysroot/lib/$machine" -maxdepth 1 -name "$1" | head -n 1
+    else
+        ldd "$library" | awk -v name="$1" '$1 == name { print $3 } $1 ~ "/" name "$" { print $1 }'
+    fi
+}
+
 # Every undefined symbol is looked up in the libraries that the library names as needed.
 only_three_undefined()
 {
     readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' >"$work/needed"
-    ldd "$library" >"$work/ldd" || return 1
     : >"$work/provided"
     while read -r name; do
-        path=$(awk -v name="$name" '$1 == name { print $3 }' "$work/ldd")
-        nm -D --defined-only "${path:-$(awk -v name="$name" '$1 ~ name { print $1 }' "$work/ldd")}" \
-            >>"$work/provided" || return 1
+        nm -D --defined-only "$(path_of "$name")" >>"$work/provided" || return 1
     done <"$work/needed"
     awk '{ sub(/@.*/, "", $3); print $3 }' "$work/provided" | sort -u >"$work/names"
     nm -D --undefined-only "$library" | awk '$1 == "U" { sub(/@.*/, "", $2); print $2 }' | sort -u |
@@ -108,6 +123,7 @@ check "it needs FFmpeg, SDL and the language's libraries alone" needs_what_it_sa
 check "a host can replace its symbols" symbols_can_be_replaced
 
 check "a CMake host configures" cmake -S "$here/consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix" \
     -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror"
 check "a CMake host builds" cmake --build "$work/cmake"
 check "the utility layer links before the library" says 3 "$work/cmake/platform_first"
@@ -120,16 +136,16 @@ export PKG_CONFIG_PATH
 rpath=-Wl,-rpath,$prefix/$libdir
 check "pkg-config hands on the 64-bit definitions" sh -c \
     'pkg-config --cflags libquarrin | grep -q -e "-D_FILE_OFFSET_BITS=64.*-D_TIME_BITS=64"'
-# shellcheck disable=SC2046 # flags are words
+# shellcheck disable=SC2046,SC2086 # flags are words
 check "a pkg-config host with its own utility layer builds" "$compiler" -std=c++17 "$here/consumer/host.cpp" \
-    "$here/consumer/own_layer.cpp" -o "$work/pc_own" $(pkg-config --cflags --libs libquarrin) "$rpath"
+    "$here/consumer/own_layer.cpp" -o "$work/pc_own" $link $(pkg-config --cflags --libs libquarrin) "$rpath"
 check "it runs" says 42 "$work/pc_own"
-# shellcheck disable=SC2046 # flags are words
+# shellcheck disable=SC2046,SC2086 # flags are words
 check "a pkg-config host of the utility layer builds" "$compiler" -std=c++17 "$here/consumer/host.cpp" \
-    -o "$work/pc_platform" $(pkg-config --cflags --libs libquarrin_platform) "$rpath"
+    -o "$work/pc_platform" $link $(pkg-config --cflags --libs libquarrin_platform) "$rpath"
 check "it runs too" says 3 "$work/pc_platform"
 
 check "a host takes the sources into its build" cmake -S "$here/subdirectory" -B "$work/subdirectory" \
-    -DQUARRIN_SOURCE="$source"
+    -DQUARRIN_SOURCE="$source" -DCMAKE_TOOLCHAIN_FILE="$toolchain"
 
 [ "$failures" -eq 0 ] || { echo "$failures checks failed"; exit 1; }
