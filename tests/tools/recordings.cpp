@@ -44,7 +44,7 @@ void RECORDINGS::MakeMedia()
     const std::string strSources = std::string(s_pszPicture) + "25" + s_pszTone;
     TOOL_RunFfmpeg(strSources + s_pszH264 + "-t 6 " + Media("clip.mp4"));
     TOOL_RunFfmpeg("-i " + Media("clip.mp4") + " -c copy " + Media("clip.ts"));
-    TOOL_RunFfmpeg(strSources + s_pszH264 + "-t 30 " + Media("long.ts"));
+    TOOL_RunFfmpeg("-stream_loop 49 -i " + Media("clip.ts") + " -c copy " + Media("long.ts"));
     TOOL_RunFfmpeg(strSources +
                    " -c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 25 -bf 2 -b_strategy 0 -c:a aac "
                    "-t 6 " +

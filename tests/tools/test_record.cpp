@@ -198,6 +198,7 @@ TEST_P(RecordSignal, FinishesTheFile)
 {
     RECORDING_S &stRecording = RECORDINGS::Get().Of(GetParam().first);
     ASSERT_TRUE(stRecording.pTool->WaitForProgress(6)) << stRecording.pTool->Err();
+    ASSERT_TRUE(stRecording.pTool->IsRunning());
     stRecording.pTool->Signal(GetParam().second);
     ExpectPlayable(OneFile(GetParam().first), AV_CODEC_ID_H264);
 }

@@ -24,6 +24,7 @@ TEST(RecordTrouble, SaysThatTheCardIsGone)
 {
     RECORDING_S &stRecording = RECORDINGS::Get().Of("gone");
     ASSERT_TRUE(stRecording.pTool->WaitForProgress(1)) << stRecording.pTool->Err();
+    ASSERT_TRUE(stRecording.pTool->IsRunning());
     ASSERT_EQ(0, rename(stRecording.strStorage.c_str(), (stRecording.strStorage + ".away").c_str()));
     EXPECT_EQ(1, stRecording.pTool->Wait());
     EXPECT_EQ(1u, Count(stRecording.pTool->Err(), "quarrin: card gone\n")) << stRecording.pTool->Err();

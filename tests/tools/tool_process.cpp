@@ -126,6 +126,12 @@ int32_t TOOL_PROCESS::Wait()
     return m_s32Status;
 }
 
+bool TOOL_PROCESS::IsRunning()
+{
+    Poll();
+    return !m_bEnded;
+}
+
 void TOOL_PROCESS::Signal(int32_t s32Signal) const
 {
     kill(m_pid, s32Signal);

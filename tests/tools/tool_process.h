@@ -32,6 +32,7 @@ public:
 
     /// Waits for the end, two minutes at most. The exit status; 128 + n after signal n; -1 when it does not end.
     int32_t Wait();
+    bool IsRunning();
     void Signal(int32_t s32Signal) const;
     /// What was written so far.
     std::string Out();
