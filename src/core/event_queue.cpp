@@ -1,10 +1,11 @@
 // The event ring: four slots, any number of producers, one dispatcher.
-// Threads: any. Locks: mutexEvent only, a leaf; payloads are released outside it. Not here: what the events do
-// (dispatcher.cpp).
+// Threads: any. Locks: mutexEvent or mutexFiles, both leaves, one at a time; payloads are released outside them. Not here:
+// what the events do (dispatcher.cpp).
 
 #include "core/event_queue.h"
 
 #include "core/handle_private.h"
+#include "record/split_files.h"
 
 namespace libquarrin
 {
@@ -69,6 +70,11 @@ void QN_EVENT_WaitForRoom(tagQN_HANDLER_S *pHandle)
 
 int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::shared_ptr<void> spPayload)
 {
+    if (enEvent == QN_EVENT_E_RECORD_AUTO_SPLIT && spPayload != nullptr)
+    {
+        // A host's own; the session may go before the event is taken out.
+        QN_SPLIT_Add(pHandle, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
+    }
     while (!QN_EVENT_TryPush(pHandle, enEvent, spPayload))
     {
         QN_EVENT_WaitForRoom(pHandle);

@@ -20,7 +20,10 @@ constexpr int32_t FINISH_DONE = 2;
 void QN_SPLIT_Add(tagQN_HANDLER_S *pHandle, const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> &spEvent)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-    pHandle->pstPrivate->lstSplits.push_back(spEvent);
+    if (spEvent->s32Finish == FINISH_TO_DO) // Invariant: what stands in the list is not finished
+    {
+        pHandle->pstPrivate->lstSplits.push_back(spEvent);
+    }
 }
 
 void QN_SPLIT_Remove(tagQN_HANDLER_S *pHandle, const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> &spEvent)

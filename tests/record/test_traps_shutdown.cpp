@@ -110,6 +110,24 @@ TEST_F(TrapsShutdown, AnEventDroppedByAClosedQueueIsFinishedByTheDestroy)
     EXPECT_EQ("begin\nfirst", TEST_ReadFile(strFinal));
 }
 
+TEST_F(TrapsShutdown, AnEventThatAHostPostedIsFinishedByTheDestroyToo)
+{
+    tagQN_RECORD_HANDLER_S *pSession = Make();
+    auto spEvent = std::make_shared<tagQN_AUTO_SPLIT_EVENT_S>();
+    spEvent->pstRecord = pSession;
+    spEvent->strFilePath = Folder(0) + "/clip.mkv";
+    spEvent->pWriter = FAKE_MEDIA_Api()->pfnWriteOpen(&pSession->stParam, spEvent->strFilePath.c_str());
+    spEvent->tStart = 1000;
+    spEvent->tEnd = 1060;
+    StallDispatcher();
+    QN_EVENT_PushEvent(m_pHandle, QN_EVENT_E_RECORD_AUTO_SPLIT, spEvent);
+    EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+    EXPECT_EQ(0, FAKE_MEDIA_OpenWriters());
+    EXPECT_TRUE(TEST_Exists(FinalPath(1000, 1060)));
+    FAKE_PLATFORM_Release();
+    EXPECT_TRUE(FAKE_PLATFORM_WaitLogged("QN_EVENT_E_RECORD_AUTO_SPLIT"));
+}
+
 TEST_F(TrapsShutdown, HandleDestroyFinishesWhatIsQueued)
 {
     tagQN_RECORD_HANDLER_S *pSession = Run(60, "t");
