@@ -45,6 +45,7 @@ struct tagQN_HANDLER_PRIVATE_S
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
 
     std::atomic<bool> bSeenPresent{false}; ///< what the last probe or hotplug event saw of the device
+    int64_t s64LookAtMs = 0; ///< hotplug thread only: when to look at the device again, CLOCK_MONOTONIC; 0: not
 };
 
 struct tagQN_RECORD_PRIVATE_S

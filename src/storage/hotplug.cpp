@@ -27,9 +27,7 @@ constexpr uint32_t UEVENT_GROUP = 1;  // the kernel's own multicast group
 constexpr size_t UEVENT_BYTES = 2048; // a longer message is cut; its header is always within
 constexpr useconds_t REOPEN_PAUSE_US = 10000;
 constexpr suseconds_t WAIT_US = 200000; // bounds the time that a stop takes
-constexpr int32_t SETTLE_STEPS = 10;    // the same second, in steps that a stop can end
-constexpr useconds_t SETTLE_STEP_US = 100000;
-constexpr time_t SETTLE_SECONDS = 1; // the kernel makes and removes the nodes meanwhile
+constexpr time_t SETTLE_SECONDS = 1;    // the kernel makes and removes the nodes meanwhile
 
 // Kept: this line number is what the device's log filters know the message by.
 constexpr int32_t LISTEN_MESSAGE_LINE = 92;
@@ -98,23 +96,30 @@ static bool PresenceChanged(const tagQN_HANDLER_S *pHandle)
     return IsPresent(pHandle) != pHandle->pstPrivate->bSeenPresent.load();
 }
 
+static int64_t NowMs()
+{
+    struct timespec stNow = {};
+    clock_gettime(CLOCK_MONOTONIC, &stNow);
+    return static_cast<int64_t>(stNow.tv_sec) * 1000 + stNow.tv_nsec / 1000000;
+}
+
 // Uevents that came while no socket was open, or that a full socket dropped, are made up for by a look at the device.
-// Only a difference to what was seen last counts: mounting a mounted card once more would fail.
+// Only a difference to what was seen last counts: mounting a mounted card once more would fail. The look waits a second,
+// as an event does; a uevent of the device that comes meanwhile takes its place.
+static void PlanLook(tagQN_HANDLER_S *pHandle)
+{
+    pHandle->pstPrivate->s64LookAtMs = PresenceChanged(pHandle) ? NowMs() + SETTLE_SECONDS * 1000 : 0;
+}
+
 static void LookAgain(tagQN_HANDLER_S *pHandle)
 {
-    if (!PresenceChanged(pHandle))
+    int64_t &s64LookAtMs = pHandle->pstPrivate->s64LookAtMs;
+    if (s64LookAtMs == 0 || NowMs() < s64LookAtMs)
     {
         return;
     }
-    for (int32_t i = 0; i < SETTLE_STEPS; ++i)
-    {
-        usleep(SETTLE_STEP_US);
-        if (pHandle->stHotplugThread.s32Run.load() != 1)
-        {
-            return; // a stop is not made to wait for it
-        }
-    }
-    if (PresenceChanged(pHandle)) // an event may be on its way through the queue already
+    s64LookAtMs = 0;
+    if (PresenceChanged(pHandle)) // an event may have told it meanwhile
     {
         (void)QN_EVENT_PushEvent(pHandle, IsPresent(pHandle) ? QN_EVENT_E_HOTPLUG_IN : QN_EVENT_E_HOTPLUG_OUT,
                                  nullptr); // always 0
@@ -141,6 +146,7 @@ static bool NamesDevice(const std::string &strHeader, const std::string &strDevN
 
 static void PostLater(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
 {
+    pHandle->pstPrivate->s64LookAtMs = 0;
     struct timespec stRest = {SETTLE_SECONDS, 0};
     while (nanosleep(&stRest, &stRest) != 0 && errno == EINTR)
     {
@@ -202,8 +208,9 @@ void QN_STORAGE_HotplugThread(void *pArg)
             return;
         }
         QN_TRACE("[%s:%d] netlink listen fd=%d\n", __func__, LISTEN_MESSAGE_LINE, pHandle->s32NetlinkFd);
-        LookAgain(pHandle);
+        PlanLook(pHandle);
     }
+    LookAgain(pHandle);
     const int32_t s32Ready = WaitReadable(pHandle->s32NetlinkFd);
     if (s32Ready < 0 && errno != EINTR)
     {
