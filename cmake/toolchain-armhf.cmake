@@ -24,11 +24,10 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
 # How GCC passed 64-bit records before its version 7.1 is nothing that anything here was built with.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
-# FFmpeg and SDL load libraries that load others; the linker finds them in the tree. What those ask of libraries that
-# are loaded at run time only (a graphics driver's) is not ours to resolve.
+# FFmpeg and SDL load libraries that load others; the linker finds them in the tree.
 set(quarrin_armhf_link "-Wl,-rpath-link,${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}")
 string(APPEND quarrin_armhf_link " -Wl,-rpath-link,${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE}")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "${quarrin_armhf_link} -Wl,--allow-shlib-undefined")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "${quarrin_armhf_link}")
+set(CMAKE_EXE_LINKER_FLAGS_INIT ${quarrin_armhf_link})
+set(CMAKE_SHARED_LINKER_FLAGS_INIT ${quarrin_armhf_link})
 
 set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm-static;-L;${CMAKE_SYSROOT}")

@@ -286,7 +286,8 @@ TEST_P(RealCard, SeeksToTheKeyFrameAtOrBeforeASecond)
         {
             EXPECT_TRUE(vecRest[0].bKey) << u64Second;
             EXPECT_EQ(75 - 25 * u64Second, vecRest.size()) << u64Second;
-            EXPECT_EQ(Payload(Pictures()[25 * u64Second].vecData), Payload(vecRest[0].vecData)) << u64Second;
+            EXPECT_EQ(Payload(Pictures()[static_cast<size_t>(25 * u64Second)].vecData), Payload(vecRest[0].vecData))
+                << u64Second;
         }
     }
     EXPECT_EQ(0, QN_ReplayClose(pReplay));
