@@ -29,14 +29,15 @@ struct tagQN_FINISH_S
     bool bPathTaken; ///< the path belongs to another file already: QN_FINISH_MakeWay has moved this one
 };
 
-static tagQN_FINISH_S CopyOf(const tagQN_RECORD_HANDLER_S *pSession, const char *pszFunc)
+static tagQN_FINISH_S CopyOf(const tagQN_RECORD_HANDLER_S *pSession, const char *pszFunc,
+                             const tagQN_MEDIA_API_S *pstMediaApi, const std::string &strNameTag)
 {
     const tagQN_HANDLER_S *pHandle = pSession->pstHandle;
     return {pszFunc,
-            pSession->pstMediaApi,
+            pstMediaApi,
             pHandle->pszMountPoint,
             pHandle->astVolume[pSession->enVolumeId].pszFolder,
-            pSession->strNameTag,
+            strNameTag,
             QN_STORAGE_FmtType2FileExt(pSession->stParam.enFormat),
             false};
 }
@@ -97,7 +98,8 @@ uint32_t QN_RecordClosePostProcess(tagQN_RECORD_HANDLER_S *pSession, void *pWrit
     {
         return QN_RET_NULL_HANDLE;
     }
-    return Finish(CopyOf(pSession, __func__), pWriter, strFilePath, tStart, tEnd);
+    return Finish(CopyOf(pSession, __func__, pSession->pstMediaApi, pSession->strNameTag), pWriter, strFilePath, tStart,
+                  tEnd);
 }
 
 uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *pWriter, const std::string &strFilePath,
@@ -108,18 +110,19 @@ uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *p
         return QN_RET_NULL_HANDLE;
     }
     const std::string strPath = strFilePath; // a private copy, as of all the rest
-    return Finish(CopyOf(pSession, __func__), pWriter, strPath, tStart, tEnd);
+    return Finish(CopyOf(pSession, __func__, pSession->pstMediaApi, pSession->strNameTag), pWriter, strPath, tStart,
+                  tEnd);
 }
 
-// What finishing reads for a split event: of the event, if the library made it, and of the session.
+// What finishing reads for a split event. An event of the library's brings its own tag: a session that was stopped
+// meanwhile may just be getting another one for its next start.
 static tagQN_FINISH_S CopyOfEvent(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
 {
-    tagQN_FINISH_S stFinish = CopyOf(stEvent.pstRecord, "QN_RecordClosePostProcess");
-    if (stEvent.pstMediaApi != nullptr)
-    {
-        stFinish.pstMediaApi = stEvent.pstMediaApi;
-        stFinish.strNameTag = stEvent.strNameTag;
-    }
+    const tagQN_RECORD_HANDLER_S *pSession = stEvent.pstRecord;
+    const bool bOwn = stEvent.pstMediaApi != nullptr;
+    tagQN_FINISH_S stFinish =
+        CopyOf(pSession, "QN_RecordClosePostProcess", bOwn ? stEvent.pstMediaApi : pSession->pstMediaApi,
+               bOwn ? stEvent.strNameTag : pSession->strNameTag);
     stFinish.bPathTaken = stEvent.bPathTaken;
     return stFinish;
 }

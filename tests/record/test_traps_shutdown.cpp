@@ -45,6 +45,27 @@ TEST_F(TrapsShutdown, DestroyWithoutAStopDoesTheSame)
     EXPECT_TRUE(FAKE_PLATFORM_WaitLogged("QN_EVENT_E_RECORD_AUTO_SPLIT"));
 }
 
+TEST_F(TrapsShutdown, ARestartUnderAnotherTagLeavesTheQueuedFileItsOwn)
+{
+    for (int32_t i = 0; i < 20; ++i)
+    {
+        // Longer than what a string holds in itself: a tag that is read while it changes is freed memory.
+        const std::string strTag = "a tag before the restart, of number " + std::to_string(i);
+        tagQN_RECORD_HANDLER_S *pSession = Run(60, strTag.c_str());
+        StallDispatcher();
+        const std::string strFinal = SplitOff(pSession);
+        EXPECT_EQ(0u, QN_RecordStop(pSession));
+        FAKE_PLATFORM_Release();
+        const std::string strOther = strTag + ", and a longer one after it";
+        EXPECT_EQ(0u, QN_RecordStart(pSession, strOther.c_str()));
+        EXPECT_TRUE(TEST_WaitFor([&] { return TEST_Exists(strFinal); })) << strFinal;
+        EXPECT_EQ("begin\nfirst", TEST_ReadFile(strFinal));
+        EXPECT_EQ(strOther, pSession->strNameTag);
+        EXPECT_EQ(0u, QN_RecordStop(pSession));
+        EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+    }
+}
+
 TEST_F(TrapsShutdown, AnEventThreadHeldUpInAMountDoesNotHoldUpTheDestroy)
 {
     tagQN_RECORD_HANDLER_S *pSession = Run(60);
