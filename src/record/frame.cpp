@@ -24,8 +24,8 @@ struct tagQN_FRAME_S
     uint32_t u32Len;
     uint64_t u64Pts;
     bool bKey;
-    bool bVideo;
-    bool bAnnounced; ///< the split line of this call was printed
+    tagBU_BOOL bVideo; ///< as given: it is printed
+    bool bAnnounced;   ///< the split line of this call was printed
 };
 
 enum QN_SPLIT_E : int32_t
@@ -38,7 +38,7 @@ enum QN_SPLIT_E : int32_t
 // A file begins with a video key frame, or with an audio frame marked key in a session without video.
 static bool MayBeginFile(const tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
 {
-    return stFrame.bKey && (pSession->stParam.stVideo.bEnable == 0 || stFrame.bVideo);
+    return stFrame.bKey && (pSession->stParam.stVideo.bEnable == 0 || stFrame.bVideo != 0);
 }
 
 // False: the frame is dropped. An awaited key frame sets the session running.
@@ -91,7 +91,8 @@ static void AnnounceSplit(tagQN_FRAME_S &stFrame)
     {
         stFrame.bAnnounced = true;
         QN_TRACE("[%s:%d] split before pts=%lld len=%d bVideo=%d\n", "QN_RecordWriteFrame", __LINE__,
-                 static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32Len), stFrame.bVideo ? 1 : 0);
+                 static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32Len),
+                 static_cast<int>(stFrame.bVideo));
     }
 }
 
@@ -164,7 +165,7 @@ static void WriteLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &s
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
     (void)pSession->pstMediaApi->pfnWriteFrame(pSession->pWriter, stFrame.pu8Data, stFrame.u32Len, stFrame.u64Pts,
-                                               stFrame.bKey, stFrame.bVideo); // shows in the bytes and the state
+                                               stFrame.bKey, stFrame.bVideo != 0); // shows in the bytes and the state
 }
 
 uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu8Data, uint32_t u32Len, uint64_t u64Pts,
@@ -179,7 +180,7 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
         return QN_RET_NULL_PARAM;
     }
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
-    tagQN_FRAME_S stFrame = {pu8Data, u32Len, u64Pts, bKey != 0, bVideo != 0, false};
+    tagQN_FRAME_S stFrame = {pu8Data, u32Len, u64Pts, bKey != 0, bVideo, false};
     time_t tNow = time(nullptr);
     UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
     for (;;)

@@ -129,13 +129,15 @@ static void ReleasePathLocked(tagQN_RECORD_HANDLER_S *pSession)
 static uint32_t OpenFirstFileLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
     void *pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, pSession->strFilePath.c_str());
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
+        pSession->pWriter = pWriter;
+    }
     if (pWriter == nullptr)
     {
         ReleasePathLocked(pSession);
         return QN_RET_OPEN;
     }
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
-    pSession->pWriter = pWriter;
     pSession->enRecordState = QN_RECORD_STATE_WAIT_KEY;
     QN_LOG_INFO_AS("QN_RecordStart", "record start");
     return QN_RET_OK;

@@ -100,6 +100,20 @@ TEST_F(Split, PrintsZeroForAnAudioFrame)
         << strPrinted;
 }
 
+TEST_F(Split, PrintsTheVideoMarkAsItWasGiven)
+{
+    tagQN_RECORD_HANDLER_S *pSession = Run(60);
+    Age(pSession, 60);
+    unsigned char u8Data = 'k';
+    const std::string strPrinted =
+        TEST_Printed([&] { EXPECT_EQ(0u, QN_RecordWriteFrame(pSession, &u8Data, 1, 7, 4, 2)); });
+    EXPECT_TRUE(TEST_HasLine(strPrinted, "\\[QN_RecordWriteFrame:\\d+\\] split before pts=7 len=1 bVideo=2"))
+        << strPrinted;
+    ASSERT_EQ(1u, FAKE_MEDIA_Writers().at(1).vecFrames.size());
+    EXPECT_TRUE(FAKE_MEDIA_Writers()[1].vecFrames[0].bKey);
+    EXPECT_TRUE(FAKE_MEDIA_Writers()[1].vecFrames[0].bVideo);
+}
+
 TEST_F(Split, HandsTheOldFileToTheEventAndGoesOnWithTheNext)
 {
     tagQN_RECORD_HANDLER_S *pSession = Run(60, "tag");
@@ -151,7 +165,7 @@ TEST_F(Split, MakesAChainOfFiles)
     std::vector<std::string> vecFinals;
     for (int32_t i = 0; i < 3; ++i)
     {
-        Age(pSession, 60 + i);
+        Age(pSession, 60 + 10 * i); // no two of one name, whenever the clock steps
         const time_t tStart = pSession->tFileStart;
         Video(pSession, "key" + std::to_string(i), true);
         vecFinals.push_back(FinalPath(tStart, pSession->tFileStart));
