@@ -105,10 +105,11 @@ protected:
         }
     }
 
-    // The next key frame will split: the file is a minute old.
+    // The next key frame will split: the file is more than a minute old, and ten seconds older than the one before, so
+    // that no two have one name, whenever the clock steps.
     void BeginNextFile(tagQN_RECORD_HANDLER_S *pSession)
     {
-        Age(pSession, 60 + static_cast<int32_t>(m_vecFiles.size()));
+        Age(pSession, 60 + 10 * static_cast<int32_t>(m_vecFiles.size()));
         m_vecFiles.emplace_back();
     }
 
@@ -203,7 +204,7 @@ TEST_P(RealCard, GivesEveryFrameOfEveryFileBack)
     std::vector<tagQN_FILE_INFO_S> vecInfos;
     ASSERT_EQ(0u, QN_ReplayListFile(m_pHandle, QN_VOLUME_ID_E_0, &vecInfos));
     ASSERT_EQ(3u, vecInfos.size());
-    // Ages of 61, 62 and 30 seconds: the list is in order of the starts, which is 62, 61, 30.
+    // Ages of 70, 80 and 30 seconds: the list is in order of the starts, which is 80, 70, 30.
     const size_t aFile[] = {1, 0, 2};
     for (size_t i = 0; i < 3; ++i)
     {
