@@ -70,13 +70,13 @@ protected:
         FAKE_PLATFORM_Reset();
         std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
         THREAD_CREATION_Reset();
-        m_s32Threads = PROCESS_ThreadCount();
+        m_s32Threads = PROCESS_ThreadCount(); // one of the test before may just be ending
     }
 
     void TearDown() override
     {
         THREAD_CREATION_Reset();
-        EXPECT_TRUE(TEST_WaitFor([this] { return PROCESS_ThreadCount() == m_s32Threads; })) << "a thread is left";
+        EXPECT_TRUE(TEST_WaitFor([this] { return PROCESS_ThreadCount() <= m_s32Threads; })) << "a thread is left";
     }
 
     void Init(const char *pszName = "worker")
@@ -287,7 +287,7 @@ TEST_F(ThreadUtility, RunsAJobOnceOnADetachedThreadWithoutANameOfItsOwn)
         strText = capture.Text();
     }
     EXPECT_EQ(MARKERS, strText);
-    EXPECT_TRUE(TEST_WaitFor([this] { return PROCESS_ThreadCount() == m_s32Threads; }));
+    EXPECT_TRUE(TEST_WaitFor([this] { return PROCESS_ThreadCount() <= m_s32Threads; }));
     EXPECT_EQ(1, m_stStep.s32Begun);
     EXPECT_TRUE(m_stStep.bDetached);
     char szOwn[16] = {};
