@@ -22,6 +22,7 @@ struct tagTOOL_RECORD_OPTIONS_S
     bool bNoAutoDelete = false;
     uint32_t u32SplitSeconds = 0;    ///< 0: no split
     uint32_t u32DurationSeconds = 0; ///< 0: until the input ends
+    uint32_t u32DurableSeconds = 0;  ///< 0: the kernel decides when data reaches the card
 };
 
 struct tagTOOL_LIST_OPTIONS_S

@@ -50,6 +50,11 @@ static void AddRecord(CLI::App &stApp, tagTOOL_OPTIONS_S &stOptions)
     pCommand->add_option("--duration", stRecord.u32DurationSeconds, "stop after so many seconds")
         ->check(CLI::Range(1u, UINT32_MAX).description(""))
         ->type_name("SECONDS");
+    pCommand
+        ->add_option("--durable", stRecord.u32DurableSeconds,
+                     "write what is recorded through to the card every so many seconds, against power cuts")
+        ->check(CLI::Range(1u, 3600u).description(""))
+        ->type_name("SECONDS");
     pCommand->add_option("--name", stRecord.strName, "comment in the names of the files")->type_name("TAG");
     pCommand
         ->add_option("--quota", stRecord.strQuota,

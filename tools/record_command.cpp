@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstring>
 #include <unistd.h>
 
+#include "durable.h"
 #include "output.h"
 #include "pacing.h"
 #include "record_param.h"
@@ -26,7 +28,9 @@ struct tagTOOL_RECORDING_S
     libquarrin::tagQN_RECORD_HANDLER_S *pSession = nullptr; ///< owned
     tagTOOL_PACING_S stPacing;
     tagTOOL_WATCH_S stWatch;
+    tagTOOL_DURABLE_S stDurable;
     bool bRunning = false;       ///< the session is started
+    bool bUnsynced = false;      ///< it was said that data could not be written through
     int64_t s64First = 0;        ///< time of the first frame
     int64_t s64FileFirst = 0;    ///< time of the current file's first frame
     int64_t s64LastVideo = 0;    ///< time of the last picture
@@ -62,6 +66,17 @@ static bool IsDurationOver(const tagTOOL_RECORDING_S &stRecording)
     return s64Limit != 0 && TOOL_PACING_Elapsed(stRecording.stPacing) >= s64Limit;
 }
 
+/// The recording goes on: what the card does not take shows in the watch as well.
+static void SayUnsynced(tagTOOL_RECORDING_S &stRecording)
+{
+    const int32_t s32Error = TOOL_DURABLE_TakeError(stRecording.stDurable);
+    if (s32Error != 0 && !stRecording.bUnsynced)
+    {
+        stRecording.bUnsynced = true;
+        TOOL_OUTPUT_Say("warning: the recording is not durable: %s", strerror(s32Error));
+    }
+}
+
 /// Asked all the time, also while the input is waited for: watches, shows how it goes, and says whether to end.
 static bool IsOver(tagTOOL_RECORDING_S &stRecording)
 {
@@ -73,6 +88,7 @@ static bool IsOver(tagTOOL_RECORDING_S &stRecording)
     {
         stRecording.strFailure = TOOL_WATCH_Look(stRecording.stWatch);
     }
+    SayUnsynced(stRecording);
     ShowProgress(stRecording);
     return TOOL_STOP_Asked() || !stRecording.strFailure.empty() || IsDurationOver(stRecording);
 }
@@ -133,6 +149,12 @@ static bool Start(tagTOOL_RECORDING_S &stRecording, libquarrin::tagQN_HANDLER_S 
         return false;
     }
     TOOL_PACING_Begin(stRecording.stPacing, !stRecording.stInput.bLive && stParam.bAutoSplit != 0);
+    if (!TOOL_DURABLE_Begin(stRecording.stDurable, TOOL_STORAGE_Folder(pHandle),
+                            stRecording.pOptions->u32DurableSeconds))
+    {
+        stRecording.strFailure = "no thread for --durable";
+        return false;
+    }
     const std::string &strName = stRecording.pOptions->strName;
     if (libquarrin::QN_RecordStart(stRecording.pSession, strName.empty() ? nullptr : strName.c_str()) != 0)
     {
@@ -232,6 +254,8 @@ static void Finish(tagTOOL_RECORDING_S &stRecording)
     const time_t tEnd = time(nullptr);
     (void)libquarrin::QN_RecordStop(stRecording.pSession);    // refuses a null session only
     (void)libquarrin::QN_RecordDestroy(stRecording.pSession); // the files' names are final behind this
+    TOOL_DURABLE_End(stRecording.stDurable);                  // what is reported is on the card
+    SayUnsynced(stRecording);
     TOOL_RECORD_Report(stRecording.stWatch.vecPaths, tEnd);
 }
 

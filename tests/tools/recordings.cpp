@@ -128,6 +128,7 @@ void RECORDINGS::Begin()
     Start("testmp4", "test", "--format mp4 --duration 6");
     Start("file.mkv", Media("clip.mp4"), "--format mkv");
     Start("file.ts", Media("clip.mp4"), "--format ts");
+    Start("durable", Media("clip.mp4"), "--format ts --durable 1");
     Start("file.mp4", Media("clip.ts"), "--format mp4");
     Start("file.mov", Media("clip.mp4"), "--format mov");
     Start("file265.mkv", Media("clip265.mkv"), "--format mkv");

@@ -58,6 +58,7 @@ TEST_F(BadInput, OfTheCommandLine)
     ExpectRefused({"record", "test", "--storage", m_strStorage, "--split", "-9"}, "--split");
     ExpectRefused({"record", "test", "--storage", m_strStorage, "--split", "ten"}, "--split");
     ExpectRefused({"record", "test", "--storage", m_strStorage, "--duration", "0"}, "--duration");
+    ExpectRefused({"record", "test", "--storage", m_strStorage, "--durable", "0"}, "--durable");
     ExpectRefused({"record", "test", "--storage", m_strStorage, "--quota", "much"}, "--quota");
     ExpectRefused({"record", "test", "--storage", m_strStorage, "--quota", "5G"}, "percentage");
     ExpectRefused({"record", "test", "--storage", m_strStorage, "--name", "a/b"}, "--name");

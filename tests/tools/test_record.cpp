@@ -55,6 +55,13 @@ TEST(RecordFile, KeepsEveryFrameOfAnMp4InATransportStream)
     ExpectSameFrames(stFrom, TEST_ReadMedia(OneFile("file.ts")), 50);
 }
 
+TEST(RecordFile, KeepsEveryFrameWhileItIsWrittenThroughToTheCard)
+{
+    const TEST_MEDIA_S stFrom = TEST_ReadMedia(RECORDINGS::Get().Media("clip.mp4"));
+    ExpectSameFrames(stFrom, TEST_ReadMedia(OneFile("durable")), 50);
+    EXPECT_EQ(std::string::npos, RECORDINGS::Get().Of("durable").pTool->Err().find("warning"));
+}
+
 TEST(RecordFile, KeepsEveryFrameOfATransportStreamInMp4)
 {
     const TEST_MEDIA_S stFrom = TEST_ReadMedia(RECORDINGS::Get().Media("clip.ts"));
