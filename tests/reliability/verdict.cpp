@@ -1,0 +1,146 @@
+#include "verdict.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <set>
+
+#include "libquarrin.h"
+#include "support/streams.h"
+
+using namespace libquarrin;
+
+static uint32_t Missing(uint32_t u32Given, uint32_t u32Found)
+{
+    return u32Given > u32Found ? u32Given - u32Found : 0; // the frame of a call that did not come back may be there
+}
+
+uint32_t VERDICT_FILE_S::LostVideo() const
+{
+    return Missing(u32GivenVideo, u32FoundVideo);
+}
+
+uint32_t VERDICT_FILE_S::LostAudio() const
+{
+    return Missing(u32GivenAudio, u32FoundAudio);
+}
+
+static void FindNote(VERDICT_FILE_S &stFile, int64_t s64Start, const RECORDER_LOG_S &stLog)
+{
+    for (uint32_t i = 0; i < stLog.u32Files; i++)
+    {
+        const RECORDER_FILE_S &stNote = stLog.astFiles[i];
+        if (stNote.s64Start == s64Start)
+        {
+            stFile.bNoted = true;
+            stFile.u32No = i;
+            stFile.u32GivenVideo = stNote.u32Video;
+            stFile.u32GivenAudio = stNote.u32Audio;
+        }
+    }
+}
+
+std::vector<VERDICT_FILE_S> VERDICT_Look(const std::string &strFolder, const RECORDER_LOG_S &stLog)
+{
+    std::vector<tagQN_FILE_INFO_S> vecInfos;
+    QN_STORAGE_ScanFolder(strFolder.c_str(), vecInfos);
+    std::vector<VERDICT_FILE_S> vecFiles;
+    for (tagQN_FILE_INFO_S &stInfo : vecInfos)
+    {
+        VERDICT_FILE_S stFile;
+        stFile.strPath = stInfo.strPath;
+        stFile.bFinal = stInfo.strName.find(".To.unknown") == std::string::npos;
+        stFile.s64Bytes = static_cast<int64_t>(stInfo.u64Size);
+        tm stStart = {};
+        tm stEnd = {};
+        std::string strExt;
+        QN_STORAGE_GetFilenameInfo(stInfo.strName.c_str(), stStart, stEnd, strExt);
+        FindNote(stFile, timegm(&stStart), stLog); // names are UTC
+        const TEST_MEDIA_S stMedia = TEST_ReadMedia(stFile.strPath);
+        stFile.bOpened = stMedia.bOpened;
+        stFile.u32FoundVideo = static_cast<uint32_t>(stMedia.Of(stMedia.VideoStream()).size());
+        stFile.u32FoundAudio = static_cast<uint32_t>(stMedia.Of(stMedia.AudioStream()).size());
+        vecFiles.push_back(stFile);
+    }
+    return vecFiles;
+}
+
+uint32_t VERDICT_BytesBeforeLastGroup(const VERDICT_FILE_S &stFile, const RECORDER_LOG_S &stLog)
+{
+    const uint32_t u32First = stLog.astFiles[stFile.u32No].u32First;
+    const uint32_t u32End = u32First + stFile.u32GivenVideo;
+    const uint32_t u32LastGroup = u32End == 0 ? 0 : (u32End - 1) / RECORDER_GOP * RECORDER_GOP;
+    uint32_t u32Bytes = 0;
+    for (uint32_t i = u32First + stFile.u32FoundVideo; i < u32LastGroup; i++)
+    {
+        u32Bytes += RECORDER_Bytes(i);
+    }
+    return u32Bytes;
+}
+
+std::string VERDICT_Missing(const std::vector<VERDICT_FILE_S> &vecFiles, const RECORDER_LOG_S &stLog)
+{
+    std::multiset<uint32_t> setNumbers;
+    for (const VERDICT_FILE_S &stFile : vecFiles)
+    {
+        if (stFile.bNoted)
+        {
+            setNumbers.insert(stFile.u32No);
+        }
+    }
+    for (uint32_t i = 0; i < stLog.u32Files; i++)
+    {
+        if (setNumbers.count(i) != 1)
+        {
+            return "file number " + std::to_string(i) + " is there " + std::to_string(setNumbers.count(i)) + " times";
+        }
+    }
+    return "";
+}
+
+void FIGURE_S::Add(int64_t s64Value)
+{
+    s64Most = std::max(s64Most, s64Value);
+    s64Sum += s64Value;
+    s64Count += 1;
+}
+
+std::string FIGURE_S::Text() const
+{
+    char acText[96];
+    snprintf(acText, sizeof(acText), "at most %lld, on average %.1f, of %lld", static_cast<long long>(s64Most),
+             s64Count == 0 ? 0.0 : static_cast<double>(s64Sum) / static_cast<double>(s64Count),
+             static_cast<long long>(s64Count));
+    return acText;
+}
+
+void FIGURES_Say(const char *pszFormat, ...)
+{
+    va_list args;
+    va_start(args, pszFormat);
+    fputs("[  figures ] ", stderr);
+    vfprintf(stderr, pszFormat, args);
+    fputs("\n", stderr);
+    va_end(args);
+}
+
+static int64_t FromEnvironment(const char *pszName, int64_t s64Default)
+{
+    const char *pszValue = getenv(pszName);
+    return pszValue == nullptr ? s64Default : strtoll(pszValue, nullptr, 10);
+}
+
+int32_t POINTS(int32_t s32Default)
+{
+    return static_cast<int32_t>(FromEnvironment("QUARRIN_POINTS", s32Default));
+}
+
+uint32_t SEED()
+{
+    static const uint32_t s_u32Seed = static_cast<uint32_t>(FromEnvironment("QUARRIN_SEED", std::random_device()()));
+    static const bool s_bSaid = (FIGURES_Say("QUARRIN_SEED=%u", s_u32Seed), true);
+    (void)s_bSaid; // said once
+    return s_u32Seed;
+}
