@@ -26,20 +26,22 @@ struct tagQN_FORMAT_LINK_S
 
 struct tagQN_HANDLER_PRIVATE_S
 {
-    /// The card gate. Shared: whoever opens a file, walks a folder or runs a command below the mount point.
+    /// The card gate. Shared: whoever opens a file, walks a folder or runs a host's command below the mount point.
     /// Exclusive: whoever runs the unmount line, until enState tells it. So umount never finds the card busy by us,
     /// and nobody opens a file on a card that is going. Not nested: a waiting unmount goes first.
     pthread_rwlock_t rwCard;
 
     // Guarded by mutexFiles, a leaf lock
     pthread_mutex_t mutexFiles = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a split-off file was finished
+    pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a file was finished, or the folders made
     std::list<std::string> lstWriting;                              ///< paths of files in progress
     std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
+    bool bMakingFolders = false; ///< the folder commands of a mount run; set with the card gate held, shared
 
     // Guarded by mutexEvent
     bool bDispatching = false;                  ///< a handler runs
     pthread_t tidDispatcher = 0;                ///< on this thread
+    uint32_t u32Producers = 0;                  ///< calls that wait for room, or have just got it
     std::list<tagQN_EVENT_SLOT_S> lstOwnEvents; ///< posted by handlers into a full ring; they take the next free slots
 
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init

@@ -40,10 +40,25 @@ static std::string VolumePath(const tagQN_HANDLER_S *pHandle, const tagQN_VOLUME
     return pHandle->pszMountPoint + "/" + stVolume.pszFolder;
 }
 
+// Tells an unmount whether folders are being made. Going through the gate, they are not begun while one is under way.
+static void SetMakingFolders(tagQN_HANDLER_S *pHandle, bool bMaking)
+{
+    tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
+    UTIL_RWLOCK card(nullptr, pthread_rwlock_unlock);
+    if (bMaking)
+    {
+        card = UTIL_LOCK_Shared(pPrivate->rwCard);
+    }
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
+    pPrivate->bMakingFolders = bMaking;
+    pthread_cond_broadcast(&pPrivate->condFiles);
+}
+
 int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
 {
-    // The gate: a host may unmount at once after it mounted, and a mkdir that still runs would keep the card busy.
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    // A host may unmount at once after it mounted, and a mkdir that still runs would keep the card busy. The gate itself
+    // is not held: a command that never ends must not keep the unmount for good.
+    SetMakingFolders(pHandle, true);
     for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
     {
         if (pHandle->astVolume[i].bEnable == 0)
@@ -54,6 +69,7 @@ int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
         (void)BU_RunCmd(strCommand.c_str()); // a folder that is missing shows when a file is opened in it
         pHandle->astQuotaLastCheck[i] = {};
     }
+    SetMakingFolders(pHandle, false);
     return 0;
 }
 

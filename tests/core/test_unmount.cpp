@@ -49,6 +49,35 @@ TEST_F(Unmount, WaitsForTheFoldersThatAreBeingMade)
     EXPECT_TRUE(unmount.WaitDone());
 }
 
+TEST_F(Unmount, DoesNotWaitForGoodForAFolderCommandThatHangs)
+{
+    InitMounted();
+    ASSERT_TRUE(Settle());
+    FAKE_PLATFORM_Stall("mkdir -p " + Folder(0));
+    Push(QN_EVENT_E_MOUNT_DONE);
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    EXPECT_EQ(0u, QN_StorageUnMount(m_pHandle)); // on this thread: nobody lets the command go meanwhile
+    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount(UnmountLine()));
+    EXPECT_EQ(QN_STATE_E_UNMOUNTED, State());
+    FAKE_PLATFORM_Release();
+    EXPECT_TRUE(Settle());
+}
+
+TEST_F(Unmount, RefusesAtOnceWhileASessionIsOpenAndAFolderCommandHangs)
+{
+    InitMounted();
+    tagQN_RECORD_HANDLER_S *pSession = MakeSession();
+    ASSERT_TRUE(Settle());
+    FAKE_PLATFORM_Stall("mkdir -p " + Folder(0));
+    Push(QN_EVENT_E_MOUNT_DONE);
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    EXPECT_EQ(3u, QN_StorageUnMount(m_pHandle));
+    std::vector<tagQN_FILE_INFO_S> vecFiles;
+    EXPECT_EQ(0u, QN_ReplayListFile(m_pHandle, QN_VOLUME_ID_E_0, &vecFiles));
+    FAKE_PLATFORM_Release();
+    EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+}
+
 TEST_F(Unmount, WaitsForAHostThatListsAFolder)
 {
     InitMounted();
