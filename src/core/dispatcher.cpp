@@ -47,12 +47,7 @@ int32_t QN_EVENT_Init(tagQN_HANDLER_S *pHandle)
 
 int32_t QN_EVENT_Destroy(tagQN_HANDLER_S *pHandle)
 {
-    {
-        // Under the lock: a producer between its test and its wait would sleep for good otherwise.
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
-        pHandle->bEventExit = true;
-        pthread_cond_broadcast(&pHandle->condEvent);
-    }
+    QN_EVENT_ShutDown(pHandle);
     (void)UTIL_THREAD_Destory(&pHandle->stEventThread, 1); // always 0
     QN_LOG_INFO("exit");
     return 0;

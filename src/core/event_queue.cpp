@@ -68,6 +68,35 @@ void QN_EVENT_WaitForRoom(tagQN_HANDLER_S *pHandle)
     }
 }
 
+void QN_EVENT_ShutDown(tagQN_HANDLER_S *pHandle)
+{
+    // Under the lock: a producer between its test and its wait would sleep for good otherwise.
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    pHandle->bEventExit = true;
+    pthread_cond_broadcast(&pHandle->condEvent);
+}
+
+// Counts the calls that will look at the handle again.
+static void CountProducer(tagQN_HANDLER_S *pHandle, bool bBegins)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    uint32_t &u32Producers = pHandle->pstPrivate->u32Producers;
+    u32Producers = bBegins ? u32Producers + 1 : u32Producers - 1;
+    if (pHandle->bEventExit)
+    {
+        pthread_cond_broadcast(&pHandle->condEvent);
+    }
+}
+
+void QN_EVENT_WaitForProducers(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    while (pHandle->pstPrivate->u32Producers > 0)
+    {
+        pthread_cond_wait(&pHandle->condEvent, &pHandle->mutexEvent);
+    }
+}
+
 int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::shared_ptr<void> spPayload)
 {
     if (enEvent == QN_EVENT_E_RECORD_AUTO_SPLIT && spPayload != nullptr)
@@ -75,10 +104,16 @@ int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::sh
         // A host's own; the session may go before the event is taken out.
         QN_SPLIT_Add(pHandle, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
     }
+    if (QN_EVENT_TryPush(pHandle, enEvent, spPayload))
+    {
+        return 0;
+    }
+    CountProducer(pHandle, true);
     while (!QN_EVENT_TryPush(pHandle, enEvent, spPayload))
     {
         QN_EVENT_WaitForRoom(pHandle);
     }
+    CountProducer(pHandle, false);
     return 0;
 }
 

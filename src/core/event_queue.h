@@ -19,6 +19,12 @@ bool QN_EVENT_HasRoom(tagQN_HANDLER_S *pHandle);
 /// Waits until the ring has room or is shut down. Call it holding no lock that a handler takes.
 void QN_EVENT_WaitForRoom(tagQN_HANDLER_S *pHandle);
 
+/// Waits until the producers that a shut-down has woken are out of the queue: the handle may go then.
+void QN_EVENT_WaitForProducers(tagQN_HANDLER_S *pHandle);
+
+/// From now on posts are dropped, those that wait for room too.
+void QN_EVENT_ShutDown(tagQN_HANDLER_S *pHandle);
+
 /// Posts under a lock while there is room. A full ring lets go of the lock first: the handler that would make room may
 /// want it.
 void QN_EVENT_PushUnlocking(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <new>
 
+#include "core/event_queue.h"
 #include "core/handle_private.h"
 #include "core/storage_state.h"
-#include "libquarrin/events.h"
 #include "libquarrin/hotplug.h"
 #include "libquarrin/quota.h"
 #include "libquarrin/replay.h"
@@ -158,7 +158,7 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     }
     if (!pHandle->stEventThread.bStarted)
     {
-        pHandle->bEventExit = true; // nobody will ever make room in the ring: let posts be dropped
+        QN_EVENT_ShutDown(pHandle); // nobody will ever make room in the ring: posts are dropped, also those that wait
     }
     DestroySessions(pHandle);
     CloseReplays(pHandle);
@@ -166,6 +166,7 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     QN_STORAGE_UnmountAtEnd(pHandle);
     (void)QN_STORAGE_Destroy(pHandle); // both always 0
     (void)QN_EVENT_Destroy(pHandle);
+    QN_EVENT_WaitForProducers(pHandle);
 
     pthread_rwlock_destroy(&pHandle->pstPrivate->rwCard);
     delete pHandle->pstPrivate;
