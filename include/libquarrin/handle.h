@@ -64,7 +64,7 @@ struct tagQN_HANDLER_S
     int32_t as32QuotaCountdown[QN_VOLUME_COUNT] = {};       ///< throttled calls left before a check is forced
 
     // Guarded by mutexState
-    QN_FS_TYPE_E enFormatFsType = QN_FS_TYPE_E_EXT4; ///< file system of the format that is running
+    QN_FS_TYPE_E enFormatFsType = {}; ///< file system of the last accepted format; 0 before the first
 
     pthread_mutex_t mutexRecordList = PTHREAD_MUTEX_INITIALIZER; ///< guards lstRecord
     std::list<tagQN_RECORD_HANDLER_S *> lstRecord;               ///< open record sessions; borrowed

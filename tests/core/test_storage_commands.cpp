@@ -191,7 +191,7 @@ TEST_F(StorageCommands, FormatIsRefusedWithoutCardWhileFormattingAndWhileMounted
         SetState(stCase.first);
         ExpectRefused(3, QN_StorageFormat(m_pHandle, QN_FS_TYPE_E_VFAT), stCase.first, "QN_StorageFormat",
                       stCase.second);
-        EXPECT_EQ(QN_FS_TYPE_E_EXT4, m_pHandle->enFormatFsType);
+        EXPECT_EQ(QN_FS_TYPE_E{}, m_pHandle->enFormatFsType);
     }
     SetState(QN_STATE_E_UNPLUGIN);
     EXPECT_FALSE(m_capture.Has("88888888888888888888888888888888")); // no worker
