@@ -5,14 +5,13 @@
 #include "media/demuxer.h"
 
 #include <new>
-#include <string>
 
 extern "C"
 {
-#include <libavutil/error.h>
 #include <libavutil/mathematics.h>
 }
 
+#include "media/error_text.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -24,13 +23,6 @@ constexpr int32_t FFREAD_RET_STATE = 1;   ///< null reader, or a frame is out
 constexpr int32_t FFREAD_RET_ERROR = 8;   ///< the file cannot be read on
 constexpr int32_t FFREAD_RET_END = 9;     ///< end of file
 constexpr int32_t FFREAD_RET_MEMORY = 10; ///< no memory for a packet
-
-static std::string ErrorText(int32_t s32Error)
-{
-    char szText[128] = "";
-    (void)av_strerror(s32Error, szText, sizeof(szText)); // fills in a generic text for a code it does not know
-    return szText;
-}
 
 // Serves the half-open reader too.
 static void FreeReader(tagFFREAD_HANDLER_S *pReader)
@@ -59,13 +51,13 @@ static bool OpenFile(tagFFREAD_HANDLER_S *pReader, const char *pszPath, QN_FILE_
     int s32Ret = avformat_open_input(&pReader->pFormatCtx, pszPath, pFormat, nullptr);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_open_input failed: %s", ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_open_input failed: %s", QN_FF_ErrorText(s32Ret).c_str());
         return false;
     }
     s32Ret = avformat_find_stream_info(pReader->pFormatCtx, nullptr);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_find_stream_info failed: %s", ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_find_stream_info failed: %s", QN_FF_ErrorText(s32Ret).c_str());
         return false;
     }
     av_dump_format(pReader->pFormatCtx, 0, pszPath, 0);
@@ -187,7 +179,7 @@ static int32_t ReadPacket(tagFFREAD_HANDLER_S *pReader)
     {
         return FFREAD_RET_END;
     }
-    QN_LOG_ERROR_AS("FFMUXER_ReadGetFrame", "av_read_frame failed, ret=%s", ErrorText(s32Ret).c_str());
+    QN_LOG_ERROR_AS("FFMUXER_ReadGetFrame", "av_read_frame failed, ret=%s", QN_FF_ErrorText(s32Ret).c_str());
     return FFREAD_RET_ERROR;
 }
 

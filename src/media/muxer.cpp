@@ -8,25 +8,17 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <string>
 
 extern "C"
 {
 #include <libavutil/dict.h>
-#include <libavutil/error.h>
 }
 
+#include "media/error_text.h"
 #include "util/log.h"
 
 namespace libquarrin
 {
-
-static std::string ErrorText(int s32Error)
-{
-    char szText[128] = "";
-    (void)av_strerror(s32Error, szText, sizeof(szText)); // fills in a generic text for a code it does not know
-    return szText;
-}
 
 static void FreeWriter(tagFFWRITE_HANDLER_S *pWriter)
 {
@@ -90,14 +82,14 @@ static bool WriteHeader(AVFormatContext *pContext, QN_FILE_FMT_E enFormat, const
     if (s32Ret < 0)
     {
         // Kept: the text of this and of the next message ends with a newline of its own.
-        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_init_output init failed! %s\n", ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_init_output init failed! %s\n", QN_FF_ErrorText(s32Ret).c_str());
         return false;
     }
     av_dump_format(pContext, 0, pszPath, 1);
     s32Ret = avformat_write_header(pContext, nullptr);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_write_header failed! %s\n", ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_write_header failed! %s\n", QN_FF_ErrorText(s32Ret).c_str());
         return false;
     }
     return true;
@@ -110,7 +102,7 @@ static bool CreateFile(tagFFWRITE_HANDLER_S *pWriter, const tagQN_RECORD_PARAM_S
     const int s32Ret = avio_open(&pWriter->pstFmtCtx->pb, pszPath, AVIO_FLAG_WRITE);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avio_open failed: %s", ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avio_open failed: %s", QN_FF_ErrorText(s32Ret).c_str());
         return false;
     }
     return AddStreams(pWriter, pstParam) && WriteHeader(pWriter->pstFmtCtx, pstParam->enFormat, pszPath);

@@ -10,10 +10,10 @@ extern "C"
 {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/error.h>
 #include <libavutil/frame.h>
 }
 
+#include "media/error_text.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -35,9 +35,7 @@ struct PICTURE_WRITER_S
 
 static std::string ErrorText(int32_t s32Error)
 {
-    char szText[64] = "";
-    (void)av_strerror(s32Error, szText, sizeof(szText)); // fills in a generic text for a code it does not know
-    return szText;
+    return QN_FF_ErrorText(s32Error, 64); // promised with half the room of the reader and the writer
 }
 
 static bool OpenEncoder(PICTURE_WRITER_S &st, int32_t s32Width, int32_t s32Height)
