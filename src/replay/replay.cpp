@@ -141,15 +141,14 @@ uint32_t QN_ReplayOpen(tagQN_HANDLER_S *pHandle, tagQN_FILE_INFO_S stInfo, tagQN
     return OpenGated(pHandle, stInfo, stParam, pReplayHandler);
 }
 
-// Opens a path that exists; pszShown is what the caller calls it.
+// Opens a path that exists.
 static uint32_t OpenPathGated(tagQN_HANDLER_S *pHandle, const char *pszFunc, const std::string &strPath,
-                              const std::string &strShown, const tagQN_REPLAY_PARAM_S &stParam,
-                              tagQN_REPLAY_HANDLER_S *&pReplayHandler)
+                              const tagQN_REPLAY_PARAM_S &stParam, tagQN_REPLAY_HANDLER_S *&pReplayHandler)
 {
     tagQN_FILE_INFO_S stInfo;
     if (QN_STORAGE_GetFileInfo(strPath.c_str(), &stInfo) != 0)
     {
-        QN_LOG_ERROR_AS(pszFunc, "cannot parse file name of %s", strShown.c_str());
+        QN_LOG_ERROR_AS(pszFunc, "cannot parse file name of %s", strPath.c_str());
         return QN_RET_OPEN;
     }
     return OpenGated(pHandle, stInfo, stParam, pReplayHandler);
@@ -191,7 +190,7 @@ uint32_t QN_ReplayOpenByFileName(tagQN_HANDLER_S *pHandle, std::string strName, 
         QN_LOG_ERROR("file %s not exist", strName.c_str());
         return QN_RET_OPEN;
     }
-    return OpenPathGated(pHandle, __func__, strPath, strPath, stParam, pReplayHandler);
+    return OpenPathGated(pHandle, __func__, strPath, stParam, pReplayHandler);
 }
 
 uint32_t QN_ReplayOpenByFilePath(tagQN_HANDLER_S *pHandle, std::string strPath, tagQN_REPLAY_PARAM_S stParam,
@@ -211,7 +210,7 @@ uint32_t QN_ReplayOpenByFilePath(tagQN_HANDLER_S *pHandle, std::string strPath, 
         QN_LOG_ERROR("file %s not exist", strPath.c_str());
         return QN_RET_OPEN;
     }
-    return OpenPathGated(pHandle, __func__, strPath, strPath, stParam, pReplayHandler);
+    return OpenPathGated(pHandle, __func__, strPath, stParam, pReplayHandler);
 }
 
 // Calls one read slot under the replay's mutex. A reader or slot that is not there gives QN_RET_NO_READER.
