@@ -49,8 +49,9 @@ QN_API uint32_t QN_StorageMount(tagQN_HANDLER_S *pHandle);
 /// Unmounts the card: every record session must be destroyed and every replay closed before.
 ///
 /// The command removes the mount directory afterwards. It is issued when the library has nothing open below it: a
-/// quota check or a listing that is running is waited for, the folder commands of a mount for two seconds. A file that the host itself holds open there makes umount
-/// fail, and the rest of the command then deletes the card's files.
+/// quota check or a listing that is running is waited for, and the folder commands of a mount, these for two seconds at
+/// most. A file that the host itself holds open there makes umount fail, and the rest of the command then deletes the
+/// card's files.
 ///
 /// \return 0 unmounted (the command's own result is not looked at); 1 pHandle is null; 3 not mounted, or sessions open.
 ///

@@ -134,7 +134,8 @@ static int32_t WaitReadable(int32_t s32Fd)
     std::vector<fd_mask> vecSet(word + sizeof(fd_set) / sizeof(fd_mask), 0);
     vecSet[word] = static_cast<fd_mask>(1UL << (static_cast<size_t>(s32Fd) % NFDBITS));
     struct timeval stTimeout = {0, WAIT_US};
-    return select(s32Fd + 1, reinterpret_cast<fd_set *>(vecSet.data()), nullptr, nullptr, &stTimeout);
+    const int32_t s32Ready = select(s32Fd + 1, reinterpret_cast<fd_set *>(vecSet.data()), nullptr, nullptr, &stTimeout);
+    return s32Ready > 0 && vecSet[word] == 0 ? 0 : s32Ready;
 }
 
 // The header "ACTION@DEVPATH" names this device when it ends in its name.

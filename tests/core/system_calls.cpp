@@ -25,6 +25,7 @@ struct CALLS_STATE_S
     std::atomic<int32_t> s32Held{0};
     std::atomic<int32_t> s32Reread{0};
     std::atomic<int32_t> s32Selects{0};
+    std::atomic<bool> bNoneReadable{false};
 };
 
 CALLS_STATE_S &State()
@@ -81,6 +82,11 @@ extern "C" int select(int s32Count, fd_set *pstRead, fd_set *pstWrite, fd_set *p
     using SELECT = int (*)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
     static const SELECT pfnSelect = reinterpret_cast<SELECT>(dlsym(RTLD_NEXT, "select"));
     State().s32Selects += 1;
+    if (State().bNoneReadable)
+    {
+        FD_ZERO(pstRead);
+        return 1;
+    }
     return pfnSelect(s32Count, pstRead, pstWrite, pstExcept, pstTimeout);
 }
 
@@ -100,6 +106,7 @@ void SYSTEM_CALLS_Reset()
 {
     SYSTEM_CALLS_ReleaseListing();
     State().s32Reread = 0;
+    State().bNoneReadable = false;
     g_s32FailAfter = -1;
 }
 
@@ -128,6 +135,11 @@ void SYSTEM_CALLS_ReleaseListing()
 int32_t SYSTEM_CALLS_Selects()
 {
     return State().s32Selects;
+}
+
+void SYSTEM_CALLS_SelectNoneReadable()
+{
+    State().bNoneReadable = true;
 }
 
 void SYSTEM_CALLS_FailAllocation(int32_t s32Skip)

@@ -20,6 +20,9 @@ void SYSTEM_CALLS_ReleaseListing();
 /// How often a thread began to wait in select so far. Of the library only the hotplug monitor does.
 int32_t SYSTEM_CALLS_Selects();
 
+/// From now on select ends at once with an answer in which no descriptor is readable.
+void SYSTEM_CALLS_SelectNoneReadable();
+
 /// Lets the calling thread's next non-throwing allocation fail, after s32Skip that succeed. Switched off by a negative
 /// number.
 void SYSTEM_CALLS_FailAllocation(int32_t s32Skip);
