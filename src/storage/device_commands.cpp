@@ -12,14 +12,15 @@
 #include <unistd.h>
 
 #include "util/log.h"
+#include "util/pause.h"
 
 namespace libquarrin
 {
 
 // The node appears some 100 ms after the table was read; a second is plenty.
 constexpr int32_t NODE_TRIES = 10;
-constexpr useconds_t NODE_PAUSE_US = 100000;
-constexpr useconds_t RETRY_PAUSE_US = 500000;
+constexpr int64_t NODE_PAUSE_MS = 100;
+constexpr int64_t RETRY_PAUSE_MS = 500;
 
 // Kept: this line number is what the device's log filters know the message by.
 constexpr int32_t RETRY_MESSAGE_LINE = 361;
@@ -87,7 +88,7 @@ uint32_t QN_STORAGE_DeviceIsAccessible(const std::string &strDevice, const std::
         {
             close(s32Fd);
         }
-        usleep(NODE_PAUSE_US);
+        UTIL_Pause(NODE_PAUSE_MS);
     }
     QN_TRACE("Partition device %s not found after creation", strPartition.c_str());
     return 1; // Kept: mkfs is tried in any case, and fails with a message of its own
@@ -117,7 +118,7 @@ static int32_t RetryMkfs(const std::string &strDevice, const std::string &strPar
     {
         QN_TRACE("%s:%d error!\n", "QN_STORAGE_MakePartitionFs", RETRY_MESSAGE_LINE);
     }
-    usleep(RETRY_PAUSE_US);
+    UTIL_Pause(RETRY_PAUSE_MS);
     if (QN_STORAGE_DeviceIsAccessible(strDevice, strPartition) == 0)
     {
         return -2;

@@ -276,6 +276,10 @@ private:
         }
         ASSERT_TRUE(m_rig.WaitFor(QN_STATE_E_UNPLUGIN));
         StopBoth();
+        for (const std::unique_ptr<PUMP> &upPump : m_apPump)
+        {
+            ASSERT_EQ(QN_RECORD_STATE_IDLE, upPump->pSession->enRecordState.load());
+        }
         if (m_enCycle != CYCLE_E_SPURIOUS)
         {
             ASSERT_TRUE(m_rig.card.Gone(RIG_WAIT_MS)) << "something keeps the card's files open";
@@ -287,7 +291,6 @@ private:
         for (const std::unique_ptr<PUMP> &upPump : m_apPump)
         {
             upPump->Stop();
-            EXPECT_EQ(QN_RECORD_STATE_IDLE, upPump->pSession->enRecordState.load());
         }
     }
 
