@@ -325,8 +325,8 @@ class CardCycles : public CARD_REAL
 
 TEST_F(CardCycles, NothingHangsIsLeftOrIsLostOverManyPulls)
 {
-    const int32_t s32Cycles = RIG_Number("QN_CARD_CYCLES", 10);
-    const uint32_t u32Seed = static_cast<uint32_t>(RIG_Number("QN_CARD_SEED", 1));
+    const int32_t s32Cycles = RIG_Number("QUARRIN_CYCLES", 10);
+    const uint32_t u32Seed = static_cast<uint32_t>(RIG_Number("QUARRIN_SEED", 1));
     const PROCESS_LIMIT limit(120 + 12 * s32Cycles / CARDS);
     GUARD_Start(); // its pipe stays for the program's life
     (void)TEST_EncodeH264();
