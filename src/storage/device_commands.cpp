@@ -19,8 +19,8 @@ namespace libquarrin
 
 // The node appears some 100 ms after the table was read; a second is plenty.
 constexpr int32_t NODE_TRIES = 10;
-constexpr int64_t NODE_PAUSE_MS = 100;
-constexpr int64_t RETRY_PAUSE_MS = 500;
+constexpr useconds_t NODE_PAUSE_US = 100000;
+constexpr useconds_t RETRY_PAUSE_US = 500000;
 
 // Kept: this line number is what the device's log filters know the message by.
 constexpr int32_t RETRY_MESSAGE_LINE = 361;
@@ -88,7 +88,7 @@ uint32_t QN_STORAGE_DeviceIsAccessible(const std::string &strDevice, const std::
         {
             close(s32Fd);
         }
-        UTIL_Pause(NODE_PAUSE_MS);
+        UTIL_Pause(NODE_PAUSE_US);
     }
     QN_TRACE("Partition device %s not found after creation", strPartition.c_str());
     return 1; // Kept: mkfs is tried in any case, and fails with a message of its own
@@ -118,7 +118,7 @@ static int32_t RetryMkfs(const std::string &strDevice, const std::string &strPar
     {
         QN_TRACE("%s:%d error!\n", "QN_STORAGE_MakePartitionFs", RETRY_MESSAGE_LINE);
     }
-    UTIL_Pause(RETRY_PAUSE_MS);
+    UTIL_Pause(RETRY_PAUSE_US);
     if (QN_STORAGE_DeviceIsAccessible(strDevice, strPartition) == 0)
     {
         return -2;

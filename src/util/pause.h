@@ -5,18 +5,27 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <unistd.h>
 
 namespace libquarrin
 {
 
-/// Sleeps the whole time, whatever signals the host takes meanwhile.
-inline void UTIL_Pause(int64_t s64Ms)
+inline int64_t UTIL_NowUs()
 {
-    struct timespec stRest = {};
-    stRest.tv_sec = static_cast<time_t>(s64Ms / 1000);
-    stRest.tv_nsec = static_cast<long>(s64Ms % 1000) * 1000000L;
-    while (nanosleep(&stRest, &stRest) != 0 && errno == EINTR)
+    struct timespec stNow = {};
+    clock_gettime(CLOCK_MONOTONIC, &stNow);
+    return static_cast<int64_t>(stNow.tv_sec) * 1000000 + stNow.tv_nsec / 1000;
+}
+
+/// Sleeps the whole time, less than a second, whatever signals the host takes meanwhile: one usleep, and more only for
+/// what a signal took away.
+inline void UTIL_Pause(useconds_t u32Us)
+{
+    const int64_t s64End = UTIL_NowUs() + u32Us;
+    int64_t s64Rest = u32Us;
+    while (s64Rest > 0 && usleep(static_cast<useconds_t>(s64Rest)) != 0 && errno == EINTR)
     {
+        s64Rest = s64End - UTIL_NowUs();
     }
 }
 
