@@ -47,6 +47,7 @@ struct tagQN_HANDLER_PRIVATE_S
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
 
     std::atomic<bool> bSeenPresent{false}; ///< what the last probe or hotplug event saw of the device
+    bool bListened = false;                ///< hotplug thread only: a socket was open before
     int64_t s64LookAtMs = 0; ///< hotplug thread only: when to look at the device again, CLOCK_MONOTONIC; 0: not
 };
 

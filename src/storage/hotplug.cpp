@@ -103,7 +103,8 @@ static int64_t NowMs()
     return static_cast<int64_t>(stNow.tv_sec) * 1000 + stNow.tv_nsec / 1000000;
 }
 
-// Uevents that came while no socket was open, or that a full socket dropped, are made up for by a look at the device.
+// Uevents that came after a socket broke, or that a full socket dropped, are made up for by a look at the device. The
+// first socket needs none: QN_STORAGE_Init has just looked.
 // Only a difference to what was seen last counts: mounting a mounted card once more would fail. The look waits a second,
 // as an event does; a uevent of the device that comes meanwhile takes its place.
 static void PlanLook(tagQN_HANDLER_S *pHandle)
@@ -209,8 +210,12 @@ void QN_STORAGE_HotplugThread(void *pArg)
             return;
         }
         QN_TRACE("[%s:%d] netlink listen fd=%d\n", __func__, LISTEN_MESSAGE_LINE, pHandle->s32NetlinkFd);
-        PlanLook(pHandle);
+        if (pHandle->pstPrivate->bListened)
+        {
+            PlanLook(pHandle);
+        }
     }
+    pHandle->pstPrivate->bListened = true;
     LookAgain(pHandle);
     const int32_t s32Ready = WaitReadable(pHandle->s32NetlinkFd);
     if (s32Ready < 0 && errno != EINTR)

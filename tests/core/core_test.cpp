@@ -63,7 +63,7 @@ void CORE_TEST::InitUnplugged()
     unlink(m_strDevice.c_str());
     const int32_t s32Selects = SYSTEM_CALLS_Selects();
     Init();
-    // The monitor looks at the device once more before it listens: the test may make a device of its own after that.
+    // Until the monitor listens: its descriptor is open then.
     ASSERT_TRUE(TEST_WaitFor([s32Selects] { return SYSTEM_CALLS_Selects() > s32Selects; }));
 }
 

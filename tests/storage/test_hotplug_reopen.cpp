@@ -1,4 +1,4 @@
-// Uevents that came while no socket was open are made up for by a look at the device.
+// Uevents that came while a broken socket was replaced are made up for by a look at the device.
 
 #include <string>
 #include <thread>
@@ -24,6 +24,7 @@ protected:
     /// Breaks the socket, so that the next pass opens a new one.
     static void Break(const HOTPLUG_RIG &rig)
     {
+        rig.Pass(); // has listened
         QN_STORAGE_HotplugNetlinkClose(rig.pHandle->s32NetlinkFd);
     }
 
@@ -63,6 +64,26 @@ TEST_F(HotplugReopen, CardThatCameOrWentMeanwhileIsNoticedASecondLater)
     EXPECT_EQ(0, came.Outs());
     EXPECT_EQ(QN_STATE_E_UNPLUGIN, went.pHandle->enState.load());
     EXPECT_EQ(1, went.Outs());
+}
+
+TEST_F(HotplugReopen, FirstSocketIsNoReasonToLook)
+{
+    const HOTPLUG_RIG rig(m_dir.strPath, "first");
+    // A monitor of its own, whose thread finds the device changed before it listens.
+    tagQN_STORAGE_PARAM_S stParam;
+    stParam.strDevice = m_dir.strPath + "/new";
+    stParam.pszMountPoint = m_dir.strPath + "/mnt-new";
+    tagQN_HANDLER_S *pHandle = nullptr;
+    ASSERT_EQ(0u, QN_Init(&stParam, pHandle));
+    TEST_Touch(stParam.strDevice);
+    const double dBegin = TEST_Seconds();
+    while (TEST_Seconds() - dBegin < 1.5)
+    {
+        rig.Pass(); // the time of a look and more
+    }
+    EXPECT_EQ(QN_STATE_E_UNPLUGIN, pHandle->enState.load());
+    EXPECT_FALSE(FAKE_PLATFORM_Logged("partition not found!"));
+    QN_Destroy(pHandle);
 }
 
 TEST_F(HotplugReopen, NothingIsPostedWhenNothingChanged)
