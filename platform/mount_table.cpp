@@ -17,6 +17,7 @@ struct MOUNT_ROW_S
 {
     std::string strDevice; ///< "major:minor"
     std::string strPath;
+    std::string strSource; ///< a device's node, as a rule; empty when the row does not say
 };
 
 // The kernel writes blank, tab, newline and backslash of a path as \ and three octal digits.
@@ -42,7 +43,14 @@ static bool ReadRow(const std::string &strLine, MOUNT_ROW_S &stRow)
     std::string strRoot;
     line >> strId >> strParent >> stRow.strDevice >> strRoot >> stRow.strPath;
     stRow.strPath = DecodeOctal(stRow.strPath);
-    return !line.fail();
+    const bool bWhole = !line.fail();
+    std::string strWord;
+    while (line >> strWord && strWord != "-") // options, and any number of optional columns
+    {
+    }
+    line >> strWord >> stRow.strSource; // type, source
+    stRow.strSource = DecodeOctal(stRow.strSource);
+    return bWhole;
 }
 
 // The last row with this path; false when there is none.
@@ -85,4 +93,10 @@ bool PLATFORM_TableShowsDevice(const std::string &strTable, const std::string &s
     const std::string strDevice = std::to_string(major(device)) + ":" + std::to_string(minor(device));
     MOUNT_ROW_S stRow;
     return FindLast(strTable, strPath, stRow) && stRow.strDevice == strDevice;
+}
+
+std::string PLATFORM_TableSource(const std::string &strTable, const std::string &strPath)
+{
+    MOUNT_ROW_S stRow;
+    return FindLast(strTable, strPath, stRow) ? stRow.strSource : "";
 }

@@ -16,4 +16,7 @@ bool PLATFORM_TableHasMount(const std::string &strTable, const std::string &strP
 /// What is seen at the path is the file system of this block device: of the rows with this path, the last one counts.
 bool PLATFORM_TableShowsDevice(const std::string &strTable, const std::string &strPath, dev_t device);
 
+/// The source of what is seen at the path: the node of a device, as a rule. Empty when nothing is mounted there.
+std::string PLATFORM_TableSource(const std::string &strTable, const std::string &strPath);
+
 #endif

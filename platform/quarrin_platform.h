@@ -26,7 +26,8 @@ extern "C"
     ///
     /// The line "umount X; rm -rf X", X twice the same path, never reaches a shell. X that is no mount point is left
     /// alone. Otherwise umount takes one mount off, and only when X has stopped being a mount point its directory is
-    /// removed, if it is empty. The text between is one path, blanks and all. Any other line that begins with umount
+    /// removed, if it is empty. A busy mount whose device node is gone, since the card was pulled, is taken off lazily:
+    /// open files keep failing until they are closed, and the next card finds the directory free. The text between is one path, blanks and all. Any other line that begins with umount
     /// and goes on to an rm is refused.
     ///
     /// The line "mkdir -p X; mount D X" is answered with 0 and not run when the block device D is what is mounted on X:

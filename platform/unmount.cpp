@@ -89,6 +89,14 @@ static bool ResolveMountPath(const std::string &strPath, std::string &strResolve
     return true;
 }
 
+// The card was pulled: the node that is mounted here is gone, though somebody still has files of it open. They are lost
+// anyway, and the next card needs the directory.
+static bool IsDeviceGone(const std::string &strResolved)
+{
+    const std::string strSource = PLATFORM_TableSource(PLATFORM_ReadMountTable(), strResolved);
+    return strSource.rfind("/dev/", 0) == 0 && access(strSource.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
 int32_t PLATFORM_Unmount(const std::string &strPath)
 {
     std::string strResolved;
@@ -103,7 +111,12 @@ int32_t PLATFORM_Unmount(const std::string &strPath)
         PLATFORM_LogError("neither bash nor busybox is there to run umount");
         return 1;
     }
-    const int32_t s32Result = PLATFORM_RunArgs(vecShell, {"umount", strResolved});
+    int32_t s32Result = PLATFORM_RunArgs(vecShell, {"umount", strResolved});
+    if (s32Result != 0 && IsDeviceGone(strResolved))
+    {
+        PLATFORM_LogError("the card on \"%s\" is gone: detached with files open", strPath.c_str());
+        s32Result = PLATFORM_RunArgs(vecShell, {"umount", "-l", strResolved});
+    }
     if (IsMountPoint(strResolved, true))
     {
         PLATFORM_LogError("\"%s\" is still a mount point (umount ended with %d): everything stays", strPath.c_str(),

@@ -5,8 +5,11 @@
 #include <filesystem>
 #include <sstream>
 
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include "helpers.h"
 #include "mount_table.h"
@@ -47,6 +50,7 @@ protected:
         ASSERT_EQ(0, QN_PLATFORM_RunCommand(("mkfs.ext4 -q -F " + strImage).c_str()));
         ASSERT_TRUE(m_loop.Add());
         ASSERT_TRUE(m_loop.Attach(strImage, false));
+        ASSERT_EQ(0, stat(m_loop.strDevice.c_str(), &m_stDevice));
         m_strMount = m_strDir + "/mnt";
     }
 
@@ -77,6 +81,7 @@ protected:
     }
 
     LOOP_DEVICE m_loop;
+    struct stat m_stDevice = {};
     std::string m_strMount;
 };
 
@@ -114,6 +119,17 @@ TEST_F(MountLine, DeviceIsTheOneOnTopInTheTable)
     EXPECT_TRUE(PLATFORM_TableShowsDevice(strTable, "/mnt/my card", makedev(259, 4)));
     EXPECT_FALSE(PLATFORM_TableShowsDevice(strTable, "/mnt", makedev(259, 5)));
     EXPECT_FALSE(PLATFORM_TableShowsDevice("", "/mnt/card", makedev(259, 5)));
+}
+
+TEST_F(MountLine, SourceStandsBehindTheOptionalColumns)
+{
+    const std::string strTable = "30 1 259:3 / /mnt/a rw,noatime - ext4 /dev/plain rw\n"
+                                 "31 1 259:4 / /mnt/b rw shared:1 master:2 - ext4 /dev/my\\040card rw\n"
+                                 "32 1 259:5 / /mnt/c rw\n";
+    EXPECT_EQ("/dev/plain", PLATFORM_TableSource(strTable, "/mnt/a"));
+    EXPECT_EQ("/dev/my card", PLATFORM_TableSource(strTable, "/mnt/b"));
+    EXPECT_EQ("", PLATFORM_TableSource(strTable, "/mnt/c"));
+    EXPECT_EQ("", PLATFORM_TableSource(strTable, "/mnt/d"));
 }
 
 TEST_F(MountLine, PathsThatAreNoBlockDeviceAreNotMounted)
@@ -163,4 +179,21 @@ TEST_F(MountedCard, MountThatFailsIsStillReported)
     const int32_t s32Other = Mount(m_loop.strDevice, strOther);
     EXPECT_EQ(0, s32Other); // one file system may be mounted in two places
     EXPECT_EQ(0, umount2(strOther.c_str(), 0));
+}
+
+TEST_F(MountedCard, BusyCardStaysAndAPulledOneIsDetached)
+{
+    const std::string strLine = "umount " + m_strMount + "; rm -rf " + m_strMount;
+    ASSERT_EQ(0, Mount(m_loop.strDevice, m_strMount));
+    const int s32Fd = open((m_strMount + "/open").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(s32Fd, 0);
+    EXPECT_EQ(1, QN_PLATFORM_RunCommand(strLine.c_str()));
+    EXPECT_EQ(1, Mounts());
+    EXPECT_TRUE(Exists(m_strMount + "/open"));
+    ASSERT_EQ(0, unlink(m_loop.strDevice.c_str())); // as when it is pulled
+    EXPECT_EQ(0, QN_PLATFORM_RunCommand(strLine.c_str()));
+    EXPECT_EQ(0, Mounts());
+    EXPECT_FALSE(Exists(m_strMount));
+    close(s32Fd);
+    EXPECT_EQ(0, mknod(m_loop.strDevice.c_str(), S_IFBLK | 0600, m_stDevice.st_rdev)); // for its removal
 }
