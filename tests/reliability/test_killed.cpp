@@ -16,7 +16,7 @@ using namespace libquarrin;
 static constexpr uint32_t HELD_BACK = 3;        // frames that FFmpeg holds back to bring two streams in order
 static constexpr uint32_t CLUSTER_LEAST = 4096; // Matroska begins no cluster before the last one has this size
 static constexpr uint32_t TS_LOST_MOST = 3;
-static constexpr uint32_t SILENCE_MOST = 10 * RECORDER_FPS; // FFmpeg's max_interleave_delta
+static constexpr uint32_t SILENCE_MOST = 10 * RECORDER_FPS + 1; // FFmpeg waits until more than 10 s lie between
 
 class Killed : public ::testing::TestWithParam<QN_FILE_FMT_E>
 {
@@ -82,6 +82,7 @@ TEST_P(Killed, LeavesFinishedFilesWholeAndLosesLittleOfTheOther)
         stParam.strMount = dir.strPath;
         stParam.enFormat = GetParam();
         stParam.bAudio = random() % 2 == 0;
+        stParam.u32SplitSeconds = 5 + static_cast<uint32_t>(random() % 6);
         stParam.u32KillFrame = 1 + static_cast<uint32_t>(random() % 700);
         stParam.u32KillNs = static_cast<uint32_t>(random() % 300000);
         RECORDER recorder(stParam);

@@ -7,8 +7,13 @@
 #include <random>
 #include <set>
 
+extern "C"
+{
+#include <libavcodec/packet.h>
+#include <libavformat/avformat.h>
+}
+
 #include "libquarrin.h"
-#include "support/streams.h"
 
 using namespace libquarrin;
 
@@ -42,6 +47,31 @@ static void FindNote(VERDICT_FILE_S &stFile, int64_t s64Start, const RECORDER_LO
     }
 }
 
+// Every frame that stands in the file. Edit lists are left out of account: the last audio frame of an MP4 or MOV has no
+// duration, so that they may leave it out, though it is there.
+static void CountPackets(VERDICT_FILE_S &stFile)
+{
+    AVFormatContext *pContext = nullptr;
+    AVDictionary *pOptions = nullptr;
+    av_dict_set(&pOptions, "ignore_editlist", "1", 0);
+    stFile.bOpened = avformat_open_input(&pContext, stFile.strPath.c_str(), nullptr, &pOptions) == 0;
+    av_dict_free(&pOptions);
+    if (!stFile.bOpened)
+    {
+        return;
+    }
+    (void)avformat_find_stream_info(pContext, nullptr); // what it does not find shows in the counts
+    AVPacket *pPacket = av_packet_alloc();
+    while (av_read_frame(pContext, pPacket) == 0)
+    {
+        const bool bVideo = pContext->streams[pPacket->stream_index]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+        (bVideo ? stFile.u32FoundVideo : stFile.u32FoundAudio) += 1;
+        av_packet_unref(pPacket);
+    }
+    av_packet_free(&pPacket);
+    avformat_close_input(&pContext);
+}
+
 std::vector<VERDICT_FILE_S> VERDICT_Look(const std::string &strFolder, const RECORDER_LOG_S &stLog)
 {
     std::vector<tagQN_FILE_INFO_S> vecInfos;
@@ -58,10 +88,7 @@ std::vector<VERDICT_FILE_S> VERDICT_Look(const std::string &strFolder, const REC
         std::string strExt;
         QN_STORAGE_GetFilenameInfo(stInfo.strName.c_str(), stStart, stEnd, strExt);
         FindNote(stFile, timegm(&stStart), stLog); // names are UTC
-        const TEST_MEDIA_S stMedia = TEST_ReadMedia(stFile.strPath);
-        stFile.bOpened = stMedia.bOpened;
-        stFile.u32FoundVideo = static_cast<uint32_t>(stMedia.Of(stMedia.VideoStream()).size());
-        stFile.u32FoundAudio = static_cast<uint32_t>(stMedia.Of(stMedia.AudioStream()).size());
+        CountPackets(stFile);
         vecFiles.push_back(stFile);
     }
     return vecFiles;
