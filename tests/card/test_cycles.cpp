@@ -31,6 +31,7 @@ enum CYCLE_E : int32_t
 {
     CYCLE_E_WRITTEN,  ///< pulled; what was written is on it
     CYCLE_E_CUT,      ///< pulled; what was not synced is lost
+    CYCLE_E_BARE,     ///< the same, and the dead mount is the library's to take off
     CYCLE_E_SPURIOUS, ///< the kernel says that it went, and later that it came, and it was there all the time
     CYCLE_E_COUNT
 };
@@ -158,7 +159,7 @@ private:
         ASSERT_NO_FATAL_FAILURE(CheckFiles());
         ASSERT_NO_FATAL_FAILURE(Record());
         m_enCycle = static_cast<CYCLE_E>(m_random() % CYCLE_E_COUNT);
-        if (m_enCycle == CYCLE_E_CUT)
+        if (m_enCycle == CYCLE_E_CUT || m_enCycle == CYCLE_E_BARE)
         {
             Sync();
         }
@@ -275,7 +276,8 @@ private:
         }
         else
         {
-            ASSERT_TRUE(m_rig.card.Out(m_enCycle == CYCLE_E_CUT ? CARD_PULL_CUT : CARD_PULL_WRITTEN));
+            constexpr CARD_PULL_E PULLS[] = {CARD_PULL_WRITTEN, CARD_PULL_CUT, CARD_PULL_BARE};
+            ASSERT_TRUE(m_rig.card.Out(PULLS[m_enCycle]));
         }
         if (m_random() % 4 == 0)
         {
@@ -289,6 +291,7 @@ private:
         }
         if (m_enCycle != CYCLE_E_SPURIOUS)
         {
+            ASSERT_EQ(0, m_rig.Mounts()) << "kind " << m_enCycle;
             ASSERT_TRUE(m_rig.card.Gone(RIG_WAIT_MS)) << "something keeps the card's files open";
         }
     }

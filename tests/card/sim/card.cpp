@@ -171,11 +171,14 @@ bool CARD::Out(CARD_PULL_E enPull)
     }
     StopWatch();
     m_bIn = false;
-    if (enPull == CARD_PULL_CUT)
+    if (enPull != CARD_PULL_WRITTEN)
     {
         (void)CutPower(); // a card that is not mounted has nothing to lose
     }
-    Unmount();
+    if (enPull != CARD_PULL_BARE)
+    {
+        Unmount();
+    }
     LOOP_Detach(m_s32Number);
     for (int32_t i = 0; i < REMOVE_TRIES && m_bDevice; ++i)
     {

@@ -36,6 +36,7 @@ enum CARD_PULL_E : int32_t
 {
     CARD_PULL_WRITTEN, ///< what was written reaches the card before it is gone
     CARD_PULL_CUT,     ///< from this moment on nothing reaches the card any more (an ext4 file system, or bServed)
+    CARD_PULL_BARE,    ///< the same, and what is mounted stays mounted: on a dead device, for somebody else to take off
 };
 
 class CARD
@@ -79,7 +80,7 @@ public:
     /// Puts the card in. False when the old device is not gone yet, or the kernel refuses.
     bool In();
 
-    /// Pulls the card: mounts of it are detached, the device nodes go, remove@ is sent. Open files keep the kernel's
+    /// Pulls the card: mounts of it are detached (but for CARD_PULL_BARE), the device nodes go, remove@ is sent. Open files keep the kernel's
     /// device alive until they are closed; Gone removes it then.
     bool Out(CARD_PULL_E enPull);
 
