@@ -62,7 +62,7 @@ QN_API uint32_t QN_GetStorageState(tagQN_HANDLER_S *pHandle, QN_STORAGE_STATE_E 
 /// \return 0.
 ///
 /// Blocks:  until the hotplug thread has ended: about 200 ms, or what is left of an event's second.
-QN_API uint32_t QN_STORAGE_Destroy(tagQN_HANDLER_S *pHandle);
+QN_API int32_t QN_STORAGE_Destroy(tagQN_HANDLER_S *pHandle);
 
 } // namespace libquarrin
 

@@ -65,7 +65,7 @@ QN_API uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle);
 /// \return 0; a failure of QN_STORAGE_HotplugInit.
 ///
 /// Locks: mutexState.
-QN_API uint32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle);
+QN_API int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle);
 
 /// 0 when the path exists, -1 otherwise.
 QN_API int32_t QN_STORAGE_CheckBlockDevExist(const char *pszPath);

@@ -123,11 +123,11 @@ uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle)
     return QN_RET_OK;
 }
 
-uint32_t QN_STORAGE_Destroy(tagQN_HANDLER_S *pHandle)
+int32_t QN_STORAGE_Destroy(tagQN_HANDLER_S *pHandle)
 {
     (void)QN_STORAGE_QuotaDestroy(pHandle); // both always 0
     (void)QN_STORAGE_HotplugDestroy(pHandle);
-    return QN_RET_OK;
+    return 0;
 }
 
 static void DestroySessions(tagQN_HANDLER_S *pHandle)

@@ -25,12 +25,12 @@ int32_t QN_STORAGE_PartitionNo(const tagQN_HANDLER_S *pHandle)
     return __atomic_load_n(&pHandle->s32PartitionNo, __ATOMIC_SEQ_CST);
 }
 
-uint32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
+int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
 {
     const int32_t s32Result = QN_STORAGE_HotplugInit(pHandle);
     if (s32Result != 0)
     {
-        return static_cast<uint32_t>(s32Result);
+        return s32Result;
     }
     UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
     const bool bMountDir = QN_STORAGE_CheckPartitionMounted(pHandle->pszMountPoint.c_str()) == 0;
@@ -45,7 +45,7 @@ uint32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
     {
         QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_HOTPLUG_IN, nullptr, lock);
     }
-    return QN_RET_OK;
+    return 0;
 }
 
 uint32_t QN_StorageFormat(tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)

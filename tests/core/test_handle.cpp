@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <type_traits>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -275,4 +276,10 @@ TEST_F(Handle, WaitsForTheMountCommandWhenAskedForItsState)
         FAKE_PLATFORM_Release();
     }
     EXPECT_EQ(QN_STATE_E_MOUNTED, enState);
+}
+
+TEST(StorageStart, AndEndAnswerAsTheOtherInnerStorageCallsDo)
+{
+    EXPECT_TRUE((std::is_same<int32_t (*)(tagQN_HANDLER_S *), decltype(&QN_STORAGE_Init)>::value));
+    EXPECT_TRUE((std::is_same<int32_t (*)(tagQN_HANDLER_S *), decltype(&QN_STORAGE_Destroy)>::value));
 }

@@ -133,7 +133,7 @@ TEST_F(Teardown, StorageDestroyStopsTheHotplugThreadAlone)
     m_stParam.strDevice = m_strDevice = m_dir.strPath + "/dev/qnu";
     Init();
     ASSERT_TRUE(TEST_WaitFor([] { return PROCESS_HasThread("qnu:hotplug") && PROCESS_HasThread("qnu:event"); }));
-    EXPECT_EQ(0u, QN_STORAGE_Destroy(m_pHandle));
+    EXPECT_EQ(0, QN_STORAGE_Destroy(m_pHandle));
     EXPECT_TRUE(TEST_WaitFor([] { return !PROCESS_HasThread("qnu:hotplug"); }));
     EXPECT_TRUE(PROCESS_HasThread("qnu:event"));
     EXPECT_EQ(-1, m_pHandle->s32NetlinkFd);
