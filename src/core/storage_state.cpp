@@ -159,7 +159,12 @@ uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle)
         QN_LOG_ERROR("try unmount but not mounted");
         return QN_RET_STATE;
     }
-    // Before the lists are looked at: a replay that is just being opened is in its list when the gate is free.
+    if (AnySessionOpen(pHandle))
+    {
+        QN_LOG_ERROR("handler is not idle"); // at once: a session that is just opening a file holds the gate
+        return QN_RET_STATE;
+    }
+    // Once more behind the gate: a replay that was just being opened is in its list by now.
     const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
     if (AnySessionOpen(pHandle))
     {

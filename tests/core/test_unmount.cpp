@@ -78,6 +78,18 @@ TEST_F(Unmount, RefusesAtOnceWhileASessionIsOpenAndAFolderCommandHangs)
     EXPECT_EQ(0u, QN_RecordDestroy(pSession));
 }
 
+TEST_F(Unmount, RefusesAtOnceWhileASessionIsOpenAndAFolderIsListed)
+{
+    InitMounted();
+    tagQN_RECORD_HANDLER_S *pSession = MakeSession();
+    SYSTEM_CALLS_HoldListing(Folder(0));
+    Push(QN_EVENT_E_QUOTA_UPDATE, Volume(QN_VOLUME_ID_E_0));
+    ASSERT_TRUE(SYSTEM_CALLS_WaitListingHeld());
+    EXPECT_EQ(3u, QN_StorageUnMount(m_pHandle)); // on this thread: nobody ends the listing meanwhile
+    SYSTEM_CALLS_ReleaseListing();
+    EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+}
+
 TEST_F(Unmount, WaitsForAHostThatListsAFolder)
 {
     InitMounted();
