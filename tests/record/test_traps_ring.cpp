@@ -108,6 +108,7 @@ TEST_F(TrapsRing, AnUnplugInTheRingIsHandledWhileAFrameWaits)
     QN_EVENT_PushEvent(m_pHandle, QN_EVENT_E_HOTPLUG_OUT, nullptr);
     FillRing();
     WriteKeyFrame();
+    ASSERT_TRUE(TEST_WaitFor([] { return FAKE_MEDIA_Writers()[0].vecFrames.size() == 2; })); // then its event waits
     WaitUntilItWaits();
     FAKE_PLATFORM_Release();
     Join();
