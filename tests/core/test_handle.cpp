@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <type_traits>
 #include <sys/stat.h>
+#include <type_traits>
 #include <unistd.h>
 
 #include "core/core_test.h"
