@@ -41,6 +41,9 @@ private:
 /// A folder of this process in $TMPDIR, or else in /tmp; it is removed when the process ends by itself.
 const std::string &FUZZ_Scratch();
 
+/// From now on what FFmpeg says counts as coverage.
+void FUZZ_ListenToFFmpeg();
+
 /// Log lines of one level that the library has written so far.
 uint32_t FUZZ_Logs(int32_t s32Level);
 

@@ -34,7 +34,7 @@ bool Make(int32_t s32Folder, const char *pszName, KIND_E enKind, int64_t s64Size
     case KIND_E_FOLDER:
         return mkdirat(s32Folder, pszName, 0700) == 0;
     case KIND_E_LINK:
-        return symlinkat("2024-03-01-08-15-00.mkv", s32Folder, pszName) == 0;
+        return symlinkat("/proc/self/exe", s32Folder, pszName) == 0; // a file, and always there
     case KIND_E_FIFO:
         return mkfifoat(s32Folder, pszName, 0600) == 0;
     default:

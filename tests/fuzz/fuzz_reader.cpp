@@ -3,35 +3,14 @@
 
 #include "fuzz.h"
 
-#include <cstdarg>
 #include <cstring>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
-extern "C"
-{
-#include <libavutil/log.h>
-}
-
 #include "frame_out.h"
 
 using namespace libquarrin;
-
-// FFmpeg is not built with the fuzzer's instruments. What it says on the way, down to its traces, tells where an input
-// went: the fuzzer takes these counters for coverage.
-__attribute__((section("__libfuzzer_extra_counters"))) static uint8_t s_au8Said[4096];
-
-static void OnLog(void *, int, const char *pszFormat, va_list)
-{
-    uint32_t u32Hash = 2166136261;
-    for (; *pszFormat != '\0'; ++pszFormat)
-    {
-        u32Hash = (u32Hash ^ static_cast<uint8_t>(*pszFormat)) * 16777619;
-    }
-    uint8_t &u8Count = s_au8Said[(u32Hash ^ u32Hash >> 16) % sizeof(s_au8Said)];
-    u8Count = static_cast<uint8_t>(u8Count + (u8Count < UINT8_MAX ? 1 : 0));
-}
 
 namespace
 {
@@ -135,7 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pu8Data, size_t size)
     {
         return 0;
     }
-    av_log_set_callback(OnLog);
+    FUZZ_ListenToFFmpeg();
     const uint8_t *pu8Control = pu8Data + size - CONTROL_BYTES;
     const std::string strPath = PutFile(pu8Data, size - CONTROL_BYTES);
     tagQN_REPLAY_PARAM_S stParam = {};

@@ -29,7 +29,7 @@ fi
 one='
 target=$1 build=$2 seconds=$3 programs=$4
 mkdir -p "$build/corpus/$target"
-if "$programs/$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2560 -print_final_stats=1 \
+if "$programs/$target" -max_total_time="$seconds" -len_control=10 -timeout=30 -rss_limit_mb=2560 -print_final_stats=1 \
     -artifact_prefix="$build/found/$target-" "$build/corpus/$target" "$build/seeds/$target" \
     >"$build/results/$target.log" 2>&1; then
     echo ok >"$build/results/$target"

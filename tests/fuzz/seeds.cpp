@@ -115,6 +115,17 @@ void Clips()
     }
 }
 
+// Usual parameters, then frames: as they are, damaged, cut, made up, and with a jump in time.
+void Writers()
+{
+    for (int32_t i = 0; i < 16; ++i)
+    {
+        const std::string strUsual(17, '\2');
+        Seed("fuzz_writer", Bytes({i}) + strUsual + Bytes({0, 0, 4, 0, 4, 1, 1, 0, 9, 7, 2, 40, 7, 3, 1, 2, 3, 0, 4}) +
+                                Bytes({48, 0, 0, 0, 0, 0, 1, 0, 0, 0, 4}));
+    }
+}
+
 void Calls()
 {
     for (int32_t i = 0; i < 16; ++i)
@@ -146,6 +157,7 @@ int main(int s32Count, char **ppszWords)
     Uevents();
     Streams();
     Clips();
+    Writers();
     Calls();
     return 0;
 }
