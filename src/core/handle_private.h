@@ -33,10 +33,10 @@ struct tagQN_HANDLER_PRIVATE_S
 
     // Guarded by mutexFiles, a leaf lock
     pthread_mutex_t mutexFiles = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a file was finished, or the folders made
+    pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a file was finished, or a command has ended
     std::list<std::string> lstWriting;                              ///< paths of files in progress
     std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
-    bool bMakingFolders = false; ///< the folder commands of a mount run; set with the card gate held, shared
+    uint32_t u32Commands = 0; ///< commands of ours that run below the mount point; they begin through the card gate
 
     // Guarded by mutexEvent
     bool bDispatching = false;                  ///< a handler runs
@@ -48,7 +48,8 @@ struct tagQN_HANDLER_PRIVATE_S
 
     std::atomic<bool> bSeenPresent{false}; ///< what the last probe or hotplug event saw of the device
     bool bListened = false;                ///< hotplug thread only: a socket was open before
-    int64_t s64LookAtMs = 0; ///< hotplug thread only: when to look at the device again, CLOCK_MONOTONIC; 0: not
+    bool bKernelDevice = false; ///< constant once the monitor runs: the device was a block device at the start
+    int64_t s64LookAtMs = 0;    ///< hotplug thread only: when to look at the device again, CLOCK_MONOTONIC; 0: not
 };
 
 struct tagQN_RECORD_PRIVATE_S

@@ -12,6 +12,7 @@
 #include <linux/netlink.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -71,12 +72,19 @@ static bool IsPresent(const tagQN_HANDLER_S *pHandle)
     return QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
 }
 
+static bool IsKernelDevice(const tagQN_HANDLER_S *pHandle)
+{
+    struct stat stStat = {};
+    return stat(pHandle->strDevice.c_str(), &stStat) == 0 && S_ISBLK(stStat.st_mode);
+}
+
 int32_t QN_STORAGE_HotplugInit(tagQN_HANDLER_S *pHandle)
 {
     pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
     const std::string strName = pHandle->strDevName + ":hotplug";
     pHandle->s32NetlinkFd = -1;
     pHandle->pstPrivate->bSeenPresent = IsPresent(pHandle);
+    pHandle->pstPrivate->bKernelDevice = IsKernelDevice(pHandle);
     (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, strName.c_str(), QN_STORAGE_HotplugThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stHotplugThread, nullptr); // without it, plugging goes unnoticed
     QN_LOG_INFO("Thread %s start", strName.c_str());
@@ -104,7 +112,8 @@ static int64_t NowMs()
 }
 
 // Uevents that came after a socket broke, or that a full socket dropped, are made up for by a look at the device. The
-// first socket needs none: QN_STORAGE_Init has just looked.
+// first socket needs one for a device of the kernel's alone, which may have come or gone since QN_STORAGE_Init looked: of
+// a node that the host makes itself, no uevent would have told.
 // Only a difference to what was seen last counts: mounting a mounted card once more would fail. The look waits a second,
 // as an event does; a uevent of the device that comes meanwhile takes its place.
 static void PlanLook(tagQN_HANDLER_S *pHandle)
@@ -210,7 +219,7 @@ void QN_STORAGE_HotplugThread(void *pArg)
             return;
         }
         QN_TRACE("[%s:%d] netlink listen fd=%d\n", __func__, LISTEN_MESSAGE_LINE, pHandle->s32NetlinkFd);
-        if (pHandle->pstPrivate->bListened)
+        if (pHandle->pstPrivate->bListened || pHandle->pstPrivate->bKernelDevice || IsKernelDevice(pHandle))
         {
             PlanLook(pHandle);
         }

@@ -159,6 +159,22 @@ TEST_F(HotplugInTheWild, CardThatComesBetweenProbeAndSocketIsSeen)
     EXPECT_EQ(1, MountLines());
 }
 
+TEST_F(HotplugInTheWild, CardThatGoesBeforeTheSocketIsOpenIsNoticed)
+{
+    CARD_RIG rig;
+    ASSERT_TRUE(rig.card.In());
+    ASSERT_TRUE(TEST_WaitFor([&rig] { return TEST_Exists(rig.card.Partition()); }, RIG_WAIT_MS));
+    FAULTS_Begin("/nowhere");
+    const FAULT_S stNone = {1, -1, EMFILE, 0};
+    FAULTS_Set(FAULT_CALL_SOCKET, &stNone);
+    rig.Init();
+    ASSERT_TRUE(rig.WaitFor(QN_STATE_E_MOUNTED));
+    ASSERT_TRUE(rig.WaitIdle());
+    ASSERT_TRUE(rig.card.Out(CARD_PULL_WRITTEN)); // nobody listens
+    FAULTS_Begin(nullptr);
+    EXPECT_TRUE(rig.WaitFor(QN_STATE_E_UNPLUGIN));
+}
+
 TEST_F(HotplugInTheWild, CardThatComesRightAfterTheStartIsMountedOnce)
 {
     for (int32_t i = 0; i < 3; ++i)
