@@ -85,7 +85,7 @@ protected:
         stParam.bAudio = random() % 2 == 0;
         stParam.u32Durable = bDurable ? 1 : 0;
         stParam.s64CutAfterMs = bDurable ? 2000 + static_cast<int64_t>(random() % 14000)
-                                         : WriteBackMs() + 6000 + static_cast<int64_t>(random() % 8000);
+                                         : WriteBackMs() + 6000 + static_cast<int64_t>(random() % 4000);
         return stParam;
     }
 
