@@ -47,7 +47,7 @@ void OnCount(int)
     s_s32Signals += 1;
 }
 
-/// Sets a signal's handler, without restart of interrupted calls, for its own lifetime.
+/// Sets a signal's handler, without restart of interrupted calls, for its own lifetime; the signal is ignored then.
 class HANDLER
 {
 public:
@@ -55,18 +55,17 @@ public:
     {
         struct sigaction stAction = {};
         stAction.sa_handler = pfnHandler;
-        sigaction(s32Signal, &stAction, &m_stBefore);
+        sigaction(s32Signal, &stAction, nullptr);
     }
     ~HANDLER()
     {
-        sigaction(m_s32Signal, &m_stBefore, nullptr);
+        signal(m_s32Signal, SIG_IGN); // one that is still on its way to a thread must not end the program
     }
     HANDLER(const HANDLER &) = delete;
     HANDLER &operator=(const HANDLER &) = delete;
 
 private:
     int m_s32Signal;
-    struct sigaction m_stBefore = {};
 };
 
 /// Holds up the monitor of a handle for its own lifetime.
