@@ -16,7 +16,7 @@ struct tagPTHREAD_DATA_S
     char szName[32] = {};              ///< name of the thread, zero-filled; the kernel shows 15 characters of it
     void (*pfnFunc)(void *) = nullptr; ///< step of a long-lived worker, or the job of a one-shot thread
     void *pArg = nullptr;              ///< argument of pfnFunc; borrowed
-    bool bStarted = false;             ///< a thread exists that has not been joined or detached yet; owner only
+    bool bNoThread = false;            ///< tid is no thread: its start failed, or it was joined or detached; owner only
 };
 
 /// Fills a record for a long-lived worker; starts nothing.

@@ -156,7 +156,7 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     {
         return QN_RET_NULL_HANDLE;
     }
-    if (!pHandle->stEventThread.bStarted)
+    if (pHandle->stEventThread.bNoThread)
     {
         QN_EVENT_ShutDown(pHandle); // nobody will ever make room in the ring: posts are dropped, also those that wait
     }

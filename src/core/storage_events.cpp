@@ -9,6 +9,7 @@
 #include "libquarrin/replay.h"
 #include "libquarrin/storage.h"
 #include "record/split_files.h"
+#include "storage/card_commands.h"
 #include "util/lock.h"
 #include "util/log.h"
 
@@ -89,6 +90,7 @@ int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
     CloseReaders(pHandle);
     // Their writers are closed before umount looks; no session can split off another one now.
     QN_SPLIT_FinishAll(pHandle, nullptr);
+    QN_CARD_WaitForCommands(pHandle);
     (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // the card is gone either way
     (void)QN_STORAGE_QuotaDestroy(pHandle);                            // always 0
     pHandle->enState = QN_STATE_E_UNPLUGIN;

@@ -4,21 +4,17 @@
 
 #include "core/storage_state.h"
 
-#include <time.h>
-
 #include "core/event_queue.h"
 #include "core/handle_private.h"
 #include "libquarrin/hotplug.h"
 #include "libquarrin/storage.h"
+#include "storage/card_commands.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
 
 namespace libquarrin
 {
-
-// Making three folders takes milliseconds on a card that works.
-constexpr time_t FOLDERS_SECONDS = 2;
 
 int32_t QN_STORAGE_PartitionNo(const tagQN_HANDLER_S *pHandle)
 {
@@ -120,20 +116,6 @@ uint32_t QN_StorageMount(tagQN_HANDLER_S *pHandle)
     return QN_RET_OK;
 }
 
-// Lets the folder commands of a mount end, which would keep the card busy; one that hangs is not waited for. The caller
-// holds the card gate exclusively, so that none begin.
-static void WaitForFolders(tagQN_HANDLER_PRIVATE_S *pPrivate)
-{
-    struct timespec stDeadline = {};
-    clock_gettime(CLOCK_REALTIME, &stDeadline); // the condition's clock
-    stDeadline.tv_sec += FOLDERS_SECONDS;
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    while (pPrivate->bMakingFolders &&
-           pthread_cond_timedwait(&pPrivate->condFiles, &pPrivate->mutexFiles, &stDeadline) == 0)
-    {
-    }
-}
-
 static bool AnySessionOpen(tagQN_HANDLER_S *pHandle)
 {
     {
@@ -171,7 +153,7 @@ uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle)
         QN_LOG_ERROR("handler is not idle");
         return QN_RET_STATE;
     }
-    WaitForFolders(pHandle->pstPrivate);
+    QN_CARD_WaitForCommands(pHandle);
     (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // Kept: the state changes either way
     pHandle->enState = QN_STATE_E_UNMOUNTED;
     return QN_RET_OK;
@@ -183,7 +165,7 @@ void QN_STORAGE_UnmountAtEnd(tagQN_HANDLER_S *pHandle)
     if (pHandle->enState.load() == QN_STATE_E_MOUNTED)
     {
         const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
-        WaitForFolders(pHandle->pstPrivate);
+        QN_CARD_WaitForCommands(pHandle);
         (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // the handle goes in any case
     }
 }

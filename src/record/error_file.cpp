@@ -1,11 +1,10 @@
 // Moving a damaged file aside.
-// Threads: the host's. Locks: the card gate, shared, while the command runs.
+// Threads: the host's. Locks: the card gate, shared, before the command runs.
 
 #include <string>
 
-#include "core/handle_private.h"
 #include "libquarrin/record.h"
-#include "util/lock.h"
+#include "storage/card_commands.h"
 #include "util/log.h"
 #include "util/results.h"
 
@@ -35,8 +34,6 @@ uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolu
     {
         return QN_RET_NULL_HANDLE;
     }
-    // The gate: a command that still runs below the mount point would keep the card busy.
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
     const QN_STATE_E enState = pHandle->enState.load();
     if (enState != QN_STATE_E_MOUNTED)
     {
@@ -62,7 +59,10 @@ uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolu
         strCommand.resize(COMMAND_BYTES);
     }
     QN_TRACE("volume_abs_path==%s\n", strCommand.c_str());
-    return static_cast<uint32_t>(BU_RunCmd(strCommand.c_str()));
+    QN_CARD_CommandBegin(pHandle);
+    const int32_t s32Result = BU_RunCmd(strCommand.c_str());
+    QN_CARD_CommandEnd(pHandle);
+    return static_cast<uint32_t>(s32Result);
 }
 
 } // namespace libquarrin

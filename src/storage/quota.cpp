@@ -11,6 +11,7 @@
 #include "libquarrin/catalogue.h"
 #include "libquarrin/naming.h"
 #include "libquarrin/storage.h"
+#include "storage/card_commands.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
@@ -40,25 +41,9 @@ static std::string VolumePath(const tagQN_HANDLER_S *pHandle, const tagQN_VOLUME
     return pHandle->pszMountPoint + "/" + stVolume.pszFolder;
 }
 
-// Tells an unmount whether folders are being made. Going through the gate, they are not begun while one is under way.
-static void SetMakingFolders(tagQN_HANDLER_S *pHandle, bool bMaking)
-{
-    tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
-    UTIL_RWLOCK card(nullptr, pthread_rwlock_unlock);
-    if (bMaking)
-    {
-        card = UTIL_LOCK_Shared(pPrivate->rwCard);
-    }
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    pPrivate->bMakingFolders = bMaking;
-    pthread_cond_broadcast(&pPrivate->condFiles);
-}
-
 int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
 {
-    // A host may unmount at once after it mounted, and a mkdir that still runs would keep the card busy. The gate itself
-    // is not held: a command that never ends must not keep the unmount for good.
-    SetMakingFolders(pHandle, true);
+    QN_CARD_CommandBegin(pHandle); // a host may unmount at once after it mounted
     for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
     {
         if (pHandle->astVolume[i].bEnable == 0)
@@ -69,7 +54,7 @@ int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
         (void)BU_RunCmd(strCommand.c_str()); // a folder that is missing shows when a file is opened in it
         pHandle->astQuotaLastCheck[i] = {};
     }
-    SetMakingFolders(pHandle, false);
+    QN_CARD_CommandEnd(pHandle);
     return 0;
 }
 

@@ -50,7 +50,7 @@ int32_t UTIL_THREAD_InitData(tagPTHREAD_DATA_S *pData, const char *pszName, void
     memcpy(pData->szName, pszName, strnlen(pszName, sizeof(pData->szName) - 1));
     pData->pfnFunc = pfnFunc;
     pData->pArg = pArg;
-    pData->bStarted = false;
+    pData->bNoThread = false;
     return 0;
 }
 
@@ -58,7 +58,7 @@ int32_t UTIL_THREAD_Create(tagPTHREAD_DATA_S *pData, pthread_attr_t *pAttr)
 {
     pData->s32Run = 1; // before the thread exists, so that it sees it
     const int32_t s32Result = pthread_create(&pData->tid, pAttr, WorkerMain, pData);
-    pData->bStarted = s32Result == 0;
+    pData->bNoThread = s32Result != 0;
     // Kept: only a negative result counts as a failure, although pthread_create reports positive error numbers.
     if (s32Result < 0)
     {
@@ -71,11 +71,11 @@ int32_t UTIL_THREAD_Create(tagPTHREAD_DATA_S *pData, pthread_attr_t *pAttr)
 
 int32_t UTIL_THREAD_Destory(tagPTHREAD_DATA_S *pData, tagBU_BOOL bJoin)
 {
-    const bool bStarted = pData->bStarted;
-    pData->bStarted = false;
+    const bool bThread = pData->tid != 0 && !pData->bNoThread;
+    pData->bNoThread = true;
     if (bJoin == 0)
     {
-        if (bStarted)
+        if (bThread)
         {
             pthread_detach(pData->tid);
         }
@@ -83,7 +83,7 @@ int32_t UTIL_THREAD_Destory(tagPTHREAD_DATA_S *pData, tagBU_BOOL bJoin)
         return 0;
     }
     pData->s32Run = 0;
-    if (bStarted)
+    if (bThread)
     {
         pthread_join(pData->tid, nullptr);
     }

@@ -332,3 +332,23 @@ TEST_F(ThreadUtility, WritesTheMarkerLinesAlsoWhenTheStartFails)
     }
     EXPECT_EQ(0, m_stStep.s32Begun);
 }
+
+TEST_F(ThreadUtility, JoinsAThreadOfAHandMadeRecord)
+{
+    tagPTHREAD_DATA_S stData;
+    std::atomic<bool> bEnded{false};
+    stData.s32Run = 1;
+    stData.pArg = &bEnded;
+    ASSERT_EQ(0, pthread_create(
+                     &stData.tid, nullptr,
+                     [](void *pArg) -> void *
+                     {
+                         TEST_SleepMs(20);
+                         *static_cast<std::atomic<bool> *>(pArg) = true;
+                         return nullptr;
+                     },
+                     &bEnded));
+    EXPECT_EQ(0, UTIL_THREAD_Destory(&stData, 1));
+    EXPECT_TRUE(bEnded.load());
+    EXPECT_EQ(0, stData.s32Run.load());
+}
