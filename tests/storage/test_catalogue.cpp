@@ -199,7 +199,7 @@ TEST_F(Catalogue, NamesInUtcAreReadAsLocalTime)
     {
         const char *pszZone;
         time_t tShift;
-    } astCases[] = {{"UTC", 0}, {"EST5", 5 * 3600}, {"XXX-9:30", -(9 * 3600 + 1800)}};
+    } astCases[] = {{"UTC", 0}, {"EST5", 5 * 3600}, {"ABC-9:30", -(9 * 3600 + 1800)}};
     for (const auto &stCase : astCases)
     {
         const TIME_ZONE zone(stCase.pszZone);

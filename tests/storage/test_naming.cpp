@@ -133,7 +133,7 @@ TEST(Naming, TimesAreTextsInUtc)
         {253402300800, "10000-01-01-00-00-00"},
         {-62135596800, "0001-01-01-00-00-00"},
     };
-    for (const char *pszZone : {"UTC", "EST5", "XXX-9:30", "CET-1CEST,M3.5.0,M10.5.0/3"})
+    for (const char *pszZone : {"UTC", "EST5", "ABC-9:30", "CET-1CEST,M3.5.0,M10.5.0/3"})
     {
         const TIME_ZONE zone(pszZone);
         for (const auto &stCase : astCases)
