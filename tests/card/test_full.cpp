@@ -146,6 +146,8 @@ protected:
                 return !strPath.empty();
             },
             RIG_WAIT_MS));
+        // A file that is split off in the second of its name has its final name before its trailer.
+        ASSERT_TRUE(m_upRig->WaitIdle());
         EXPECT_EQ("", PUMP::WhatIsWrong(strPath));
     }
 

@@ -52,6 +52,7 @@ protected:
         ASSERT_TRUE(TEST_WaitFor([&rig] { return rig.Finished().size() == 1; }, RIG_WAIT_MS));
         ASSERT_TRUE(pump.WaitWritten(30));
         pump.Stop();
+        ASSERT_TRUE(rig.WaitIdle());
         ASSERT_EQ(2u, rig.Finished().size());
         for (const std::string &strPath : rig.Finished())
         {
