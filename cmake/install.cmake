@@ -1,22 +1,33 @@
 # What a host needs, below one prefix: headers, libraries, a CMake package and pkg-config files. The tree can be moved.
+# `cmake --install DIR --component NAME` installs a part: runtime (what programs need that were linked already),
+# development, tools.
 include(CMakePackageConfigHelpers)
 
 set(quarrin_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quarrin)
 set(quarrin_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(TARGETS quarrin quarrin_platform EXPORT quarrinTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-install(FILES ${PROJECT_SOURCE_DIR}/platform/quarrin_platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+    FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_SOURCE_DIR}/platform/quarrin_platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    COMPONENT development)
 
-install(EXPORT quarrinTargets NAMESPACE quarrin:: DESTINATION ${quarrin_package_dir})
+install(EXPORT quarrinTargets NAMESPACE quarrin:: DESTINATION ${quarrin_package_dir} COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/quarrinConfig.cmake.in
     ${PROJECT_BINARY_DIR}/package/quarrinConfig.cmake INSTALL_DESTINATION ${quarrin_package_dir})
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/quarrinConfigVersion.cmake
-    VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+# CMake's own check of the architecture knows the width of a pointer alone.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/quarrinVersion.cmake
+    VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
+include(${PROJECT_SOURCE_DIR}/cmake/quarrinArchitecture.cmake)
+quarrin_architecture(QUARRIN_FAMILY QUARRIN_FLOATS)
+math(EXPR QUARRIN_BITS "8 * ${CMAKE_SIZEOF_VOID_P}")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/quarrinConfigVersion.cmake.in
+    ${PROJECT_BINARY_DIR}/package/quarrinConfigVersion.cmake @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/package/quarrinConfig.cmake ${PROJECT_BINARY_DIR}/package/quarrinConfigVersion.cmake
-    DESTINATION ${quarrin_package_dir})
+    ${PROJECT_BINARY_DIR}/package/quarrinVersion.cmake ${PROJECT_SOURCE_DIR}/cmake/quarrinArchitecture.cmake
+    DESTINATION ${quarrin_package_dir} COMPONENT development)
 
 # The prefix of `cmake --install --prefix` is not known here: the files find it from their own place, as many folders
 # up as the pkg-config folder lies below the prefix. An absolute folder cannot move and stands as it is.
@@ -36,5 +47,6 @@ else()
 endif()
 foreach(name libquarrin libquarrin_platform)
     configure_file(${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/package/${name}.pc @ONLY)
-    install(FILES ${PROJECT_BINARY_DIR}/package/${name}.pc DESTINATION ${quarrin_pkgconfig_dir})
+    install(FILES ${PROJECT_BINARY_DIR}/package/${name}.pc DESTINATION ${quarrin_pkgconfig_dir}
+        COMPONENT development)
 endforeach()

@@ -14,6 +14,7 @@ emulator=${QUARRIN_EMULATOR-}
 machine=$("$compiler" -dumpmachine)
 # The linker looks for the libraries that the library needs.
 link=${sysroot:+--sysroot=$sysroot -Wl,-rpath-link,$sysroot/usr/lib/$machine -Wl,-rpath-link,$sysroot/lib/$machine}
+version=$(sed -n 's/^project(quarrin VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
 work=$(mktemp -d /tmp/quarrin-package-XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
 failures=0
@@ -42,11 +43,30 @@ says()
 installed()
 {
     for name in include/libquarrin.h include/bu_platform.h include/util_thread/util_thread.h \
-        include/quarrin_platform.h include/libquarrin/export.h "$libdir/libquarrin.so" "$libdir/libquarrin.so.1" \
-        "$libdir/libquarrin.so.1.0.0" "$libdir/libquarrin_platform.a" "$libdir/pkgconfig/libquarrin.pc" \
+        include/quarrin_platform.h include/libquarrin/export.h "$libdir/libquarrin.so" \
+        "$libdir/libquarrin.so.${version%%.*}" "$libdir/libquarrin.so.$version" "$libdir/libquarrin_platform.a" "$libdir/pkgconfig/libquarrin.pc" \
         "$libdir/cmake/quarrin/quarrinConfig.cmake" "$libdir/cmake/quarrin/quarrinConfigVersion.cmake"; do
         [ -e "$prefix/$name" ] || { echo "$name is missing"; return 1; }
     done
+}
+
+# Each file belongs to one part, and the parts are all there is.
+parts_add_up()
+{
+    : >"$work/parts"
+    for part in runtime development tools; do
+        cmake --install "$build" --prefix "$work/part_$part" --component "$part" || return 1
+        [ ! -d "$work/part_$part" ] || (cd "$work/part_$part" && find . ! -type d) >>"$work/parts"
+    done
+    (cd "$prefix" && find . ! -type d) | sort >"$work/all"
+    sort "$work/parts" | diff "$work/all" -
+}
+
+# A program that is linked already needs the library and the link of its soname.
+runtime_is_the_library()
+{
+    (cd "$work/part_runtime" && find . ! -type d -printf '%f\n') | sort >"$work/parts"
+    printf '%s\n' "libquarrin.so.${version%%.*}" "libquarrin.so.$version" | diff - "$work/parts"
 }
 
 headers_stand_alone()
@@ -61,6 +81,11 @@ headers_stand_alone()
 headers_are_our_own()
 {
     ! grep -rnE '#include *[<"](libav|libsw|SDL)' "$prefix/include"
+}
+
+says_version()
+{
+    strings -n 5 "$prefix/$libdir/libquarrin.so.$version" | grep -qxF "$version"
 }
 
 no_path_of_the_build()
@@ -109,6 +134,8 @@ prefix=$work/first
 check "the build installs" cmake --install "$build" --prefix "$prefix"
 libdir=$(cd "$prefix" && find . -name libquarrin.pc | sed 's|^\./||; s|/pkgconfig/.*||')
 check "headers, libraries and package files are there" installed
+check "runtime, development and tools are all of it" parts_add_up
+check "runtime is the library alone" runtime_is_the_library
 
 # What was installed can be moved.
 mv "$work/first" "$work/second"
@@ -117,7 +144,9 @@ library=$prefix/$libdir/libquarrin.so
 check "nothing installed names the source or the build" no_path_of_the_build
 check "every header compiles alone without a warning" headers_stand_alone
 check "no header includes one of another library" headers_are_our_own
-check "the soname is libquarrin.so.1" sh -c "readelf -d '$library' | grep -qF 'soname: [libquarrin.so.1]'"
+check "the soname is libquarrin.so.${version%%.*}" \
+    sh -c "readelf -d '$library' | grep -qF 'soname: [libquarrin.so.${version%%.*}]'"
+check "the library says its version" says_version
 check "only the three functions of the utility layer are undefined" only_three_undefined
 check "it needs FFmpeg, SDL and the language's libraries alone" needs_what_it_says
 check "a host can replace its symbols" symbols_can_be_replaced
@@ -130,6 +159,8 @@ check "the utility layer links before the library" says 3 "$work/cmake/platform_
 check "the utility layer links behind the library" says 3 "$work/cmake/platform_last"
 check "a host brings its own utility layer" says 42 "$work/cmake/own_layer"
 check "a host's runner calls the package's" says 103 "$work/cmake/own_runner"
+
+"$here/test_find.sh" "$prefix" "$source" || failures=$((failures + 1))
 
 PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 export PKG_CONFIG_PATH
