@@ -84,7 +84,7 @@ _quarrin()
     esac
     # shellcheck disable=SC2207 # words without anything special in them
     [[ -z $option ]] || COMPREPLY=($(compgen -W "$option" -- "$word"))
-    [[ -z $option && $word != -* ]] || return
+    [[ -z $option && $word != -* ]] || return 0
     case $command.$place in
     record.0)
         _quarrin_files -f "$word"
