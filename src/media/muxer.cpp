@@ -23,8 +23,10 @@ namespace libquarrin
 static void FreeWriter(tagFFWRITE_HANDLER_S *pWriter)
 {
     avformat_free_context(pWriter->pstFmtCtx);
-    for (AVPacket *pShell : pWriter->vecShells)
+    while (pWriter->pShells != nullptr)
     {
+        AVPacket *pShell = pWriter->pShells;
+        pWriter->pShells = static_cast<AVPacket *>(pShell->opaque);
         av_packet_free(&pShell);
     }
     delete pWriter;
@@ -183,8 +185,10 @@ int32_t FFMUXER_WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t
     ++pstStream->u64FrameCount;
     // The payload is FFmpeg's from here on, also when the write fails; a host sees write errors in the bytes written.
     (void)av_interleaved_write_frame(pHandler->pstFmtCtx, pPacket);
-    // Kept: the empty packet stays allocated, one for each frame, until the writer goes.
-    pHandler->vecShells.push_back(pPacket);
+    // Kept: the empty packet stays allocated, one for each frame, until the writer goes. FFmpeg has cleared it, so it can
+    // carry the chain itself: an hour has some 300,000 of them.
+    pPacket->opaque = pHandler->pShells;
+    pHandler->pShells = pPacket;
     return 0;
 }
 

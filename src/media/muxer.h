@@ -4,7 +4,6 @@
 #define QUARRIN_MEDIA_MUXER_H
 
 #include <cstdint>
-#include <vector>
 
 extern "C"
 {
@@ -37,10 +36,10 @@ struct tagFFWRITE_HANDLER_S
     AVFormatContext *pstFmtCtx = nullptr; ///< owned
     tagFFWRITE_STREAM_S stVideo;
     tagFFWRITE_STREAM_S stAudio;
-    bool bPtsByCount = false;          ///< time stamps are made from frame counts (MP4, MOV)
-    bool bPtsFromFirst = false;        ///< time stamps count from the first pts seen (all others)
-    uint64_t u64FirstPts = 0;          ///< the first pts seen, of either stream; 0: none yet
-    std::vector<AVPacket *> vecShells; ///< owned: packets whose payload has gone to FFmpeg
+    bool bPtsByCount = false;    ///< time stamps are made from frame counts (MP4, MOV)
+    bool bPtsFromFirst = false;  ///< time stamps count from the first pts seen (all others)
+    uint64_t u64FirstPts = 0;    ///< the first pts seen, of either stream; 0: none yet
+    AVPacket *pShells = nullptr; ///< owned: packets whose payload has gone to FFmpeg; opaque leads to the one before
 };
 
 /// Sets the options of a container's header. 0.
