@@ -1,8 +1,8 @@
 #!/bin/sh
 # armhf.sh: builds everything for 32-bit ARM with hard float on an x86 Debian, and runs all tests under qemu-arm.
 # Sets up what it needs once: the cross compiler, the emulator, and a tree of armhf packages in build/armhf-root.
-# Arguments go to CMake. The last line counts the tests; when the packages cannot be had, it says "1 skipped", and the
-# script ends with 77: nothing was tested then.
+# Arguments go to CMake; --prepare alone only sets up. The last line counts the tests; when the packages cannot be had,
+# it says "1 skipped", and the script ends with 77: nothing was tested then.
 set -eu
 unset CDPATH
 cd "$(dirname "$0")/.."
@@ -50,6 +50,7 @@ mkdir -p build
 need_packages $build_tools $test_tools
 need_compiler
 need_root
+[ "${1-}" != --prepare ] || exit 0
 began=$(date +%s)
 say "building in $directory"
 build_in "$directory" --preset armhf "$@" || die "the build failed"
