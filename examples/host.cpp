@@ -23,7 +23,7 @@ int main(int argc, char **argv)
 
     uint8_t *data; uint32_t size; uint64_t pts; bool key, video;
     for (; QN_ReplayReadFrame(clip, &data, &size, &pts, &key, &video) == 0; QN_ReplayFreeFrame(clip, data))
-        if (video) { QN_RecordWriteFrame(session, data, size, pts, key, video); usleep(40000); }
+        if (video) { QN_RecordWriteFrame(session, data, size, pts + 1, key, video); usleep(40000); } // begins above 0
     QN_ReplayClose(clip);
     QN_RecordDestroy(session); // stops it and finishes the file
     return static_cast<int>(QN_Destroy(card)); // unmounts the card
