@@ -40,6 +40,21 @@ says()
     $emulator "$2" 2>&1 >/dev/null | tee "$work/said" | grep -qx "status $1" || { cat "$work/said"; return 1; }
 }
 
+# ends_with STATUS PROGRAM: the exit status of a program without arguments.
+ends_with()
+{
+    status=0
+    # shellcheck disable=SC2086 # the emulator has arguments
+    $emulator "$2" || status=$?
+    [ "$status" -eq "$1" ]
+}
+
+# tells_usage EXAMPLE: without arguments it says how it is called.
+tells_usage()
+{
+    ends_with 2 "$work/examples/$1" 2>"$work/said" && grep -q "^usage: $1 DEVICE MOUNTPOINT" "$work/said"
+}
+
 installed()
 {
     for name in include/libquarrin.h include/bu_platform.h include/util_thread/util_thread.h \
@@ -159,6 +174,14 @@ check "the utility layer links before the library" says 3 "$work/cmake/platform_
 check "the utility layer links behind the library" says 3 "$work/cmake/platform_last"
 check "a host brings its own utility layer" says 42 "$work/cmake/own_layer"
 check "a host's runner calls the package's" says 103 "$work/cmake/own_runner"
+
+check "the examples configure alone" cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror"
+check "the examples build alone" cmake --build "$work/examples"
+for example in camera player own_layer; do
+    check "$example runs and tells its usage" tells_usage "$example"
+done
+check "host runs" ends_with 2 "$work/examples/host"
 
 "$here/test_find.sh" "$prefix" "$source" || failures=$((failures + 1))
 

@@ -58,6 +58,7 @@ void TOOL_PROCESS::RunChild(const TOOL_START_S &stStart, int s32Out, int s32Err)
         vecArgs.push_back(const_cast<char *>(strArg.c_str()));
     }
     vecArgs.push_back(nullptr);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(s32Out, STDOUT_FILENO);
     dup2(s32Err, STDERR_FILENO);

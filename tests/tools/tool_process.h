@@ -21,7 +21,7 @@ struct TOOL_START_S
     bool bTerminal = false;           ///< standard error is a terminal
 };
 
-/// A program that was started. Killed at the end when it still runs.
+/// A program that was started. Killed at the end when it still runs, and when the test program is killed.
 class TOOL_PROCESS
 {
 public:
@@ -34,6 +34,10 @@ public:
     int32_t Wait();
     bool IsRunning();
     void Signal(int32_t s32Signal) const;
+    pid_t Pid() const
+    {
+        return m_pid;
+    }
     /// What was written so far.
     std::string Out();
     std::string Err();

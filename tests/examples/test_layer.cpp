@@ -1,0 +1,114 @@
+// The utility layer of own_layer: what a runner must do, without the library around it.
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "own_layer/layer.h"
+
+using namespace libquarrin;
+
+namespace
+{
+
+class Layer : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        char szPath[] = "/tmp/quarrin-layer-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(szPath));
+        m_strDir = szPath;
+        m_stParam.strDevice = m_strDir + "/card";
+        m_stParam.s32PartitionNo = 1;
+        m_stParam.pszMountPoint = m_strDir + "/mnt";
+        mkdir(m_stParam.pszMountPoint.c_str(), 0755);
+        LAYER_Begin(m_stParam, std::chrono::seconds(60));
+    }
+
+    void TearDown() override
+    {
+        unlink((m_strDir + "/out").c_str());
+        rmdir(m_stParam.pszMountPoint.c_str());
+        rmdir(m_strDir.c_str());
+    }
+
+    static int Run(const std::string &strLine)
+    {
+        return BU_RunCmd(strLine.c_str());
+    }
+
+    static bool Exists(const std::string &strPath)
+    {
+        return access(strPath.c_str(), F_OK) == 0;
+    }
+
+    std::string m_strDir;
+    tagQN_STORAGE_PARAM_S m_stParam;
+};
+
+} // namespace
+
+TEST_F(Layer, GivesTheStatusOfTheLine)
+{
+    EXPECT_EQ(0, Run("true"));
+    EXPECT_EQ(3, Run("exit 3"));
+    EXPECT_EQ(1, Run("true; false"));
+    EXPECT_EQ(127, Run("quarrin-no-such-program"));
+    EXPECT_EQ(128 + 15, Run("kill -TERM $$"));
+}
+
+TEST_F(Layer, HasAShellWhoseEchoKnowsItsOptionAndTheFoldersOfMkfs)
+{
+    EXPECT_EQ(0, Run("test \"$(echo -e 'o\\nn' | wc -l)\" = 2"));
+    EXPECT_EQ(0, Run("PATH=; exit 0"));
+    setenv("PATH", "/usr/bin:/bin", 1);
+    EXPECT_EQ(0, Run("case :$PATH: in *:/sbin:*) exit 0;; *) exit 1;; esac"));
+}
+
+TEST_F(Layer, KillsWhatTakesTooLongWithAllThatItStarted)
+{
+    LAYER_Begin(m_stParam, std::chrono::seconds(1));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(124, Run("sleep 300 & echo $! > " + m_strDir + "/out; sleep 300"));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(100));
+    // A killed child of nobody is a zombie at most, until somebody collects it.
+    const std::string strGone = "read p < " + m_strDir +
+                                "/out; state=$(sed 's/.*) \\(.\\).*/\\1/' /proc/$p/stat) ; "
+                                "test -z \"$state\" -o \"$state\" = Z -o \"$state\" = X";
+    LAYER_Begin(m_stParam, std::chrono::seconds(60));
+    EXPECT_EQ(0, Run(strGone));
+}
+
+TEST_F(Layer, DeletesNothingWhenItCannotUnmount)
+{
+    const std::string strMount = m_stParam.pszMountPoint;
+    EXPECT_EQ(1, Run("umount " + strMount + "; rm -rf " + strMount)); // no mount point
+    EXPECT_TRUE(Exists(strMount));
+    EXPECT_EQ(1, Run("umount " + m_strDir + "; rm -rf " + m_strDir)); // not its card at all
+    EXPECT_EQ(1, Run("rm -rf " + strMount));
+    EXPECT_TRUE(Exists(strMount));
+}
+
+TEST_F(Layer, RunsTheFolderLine)
+{
+    const std::string strFolder = m_stParam.pszMountPoint + "/rec";
+    EXPECT_EQ(0, Run("mkdir -p " + strFolder));
+    EXPECT_TRUE(Exists(strFolder));
+    rmdir(strFolder.c_str());
+}
+
+TEST_F(Layer, TakesTheMessagesOfTheLibrary)
+{
+    ::testing::internal::CaptureStderr();
+    UTIL_LOG_Print(3, "QN_Call[12] ", "%d of %s", 5, "six");
+    BSP_PrintLog(6, "thread %s\n", "starts");
+    const std::string strText = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, strText.find("QN_Call[12] 5 of six\n")) << strText;
+    EXPECT_NE(std::string::npos, strText.find("thread starts\n")) << strText;
+}
