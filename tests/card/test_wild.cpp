@@ -311,6 +311,10 @@ TEST_F(HotplugInTheWild, SpuriousRemoveIsMendedByTheNextAdd)
 
 TEST_F(HotplugInTheWild, DescriptorsAbove1023AreListenedTo)
 {
+    if (!PROCESS_SelectTakes(1100))
+    {
+        GTEST_SKIP() << "select of this machine, an emulated one, takes no descriptors beyond 1023";
+    }
     struct rlimit stBefore = {};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &stBefore));
     const struct rlimit stMany = {4096, std::max<rlim_t>(stBefore.rlim_max, 4096)};

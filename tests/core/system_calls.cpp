@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdlib>
+#include <ctime>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <linux/fs.h>
@@ -33,6 +34,9 @@ CALLS_STATE_S &State()
     static CALLS_STATE_S *pState = new CALLS_STATE_S(); // outlives every thread of the process
     return *pState;
 }
+
+// A 32-bit C library has two sets of calls that know times; the headers choose the one for 64-bit times.
+constexpr bool WIDE_TIME = sizeof(time_t) > sizeof(long);
 
 thread_local int32_t g_s32FailAfter = -1;
 
@@ -69,7 +73,7 @@ extern "C" int closedir(DIR *pDir)
 extern "C" int ioctl(int s32Fd, unsigned long u64Request, ...) noexcept
 {
     using IOCTL = int (*)(int, unsigned long, ...);
-    static const IOCTL pfnIoctl = reinterpret_cast<IOCTL>(dlsym(RTLD_NEXT, "ioctl"));
+    static const IOCTL pfnIoctl = reinterpret_cast<IOCTL>(dlsym(RTLD_NEXT, WIDE_TIME ? "__ioctl_time64" : "ioctl"));
     va_list args;
     va_start(args, u64Request);
     void *pArg = u64Request == BLKRRPART ? nullptr : va_arg(args, void *);
@@ -80,7 +84,7 @@ extern "C" int ioctl(int s32Fd, unsigned long u64Request, ...) noexcept
 extern "C" int select(int s32Count, fd_set *pstRead, fd_set *pstWrite, fd_set *pstExcept, struct timeval *pstTimeout)
 {
     using SELECT = int (*)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
-    static const SELECT pfnSelect = reinterpret_cast<SELECT>(dlsym(RTLD_NEXT, "select"));
+    static const SELECT pfnSelect = reinterpret_cast<SELECT>(dlsym(RTLD_NEXT, WIDE_TIME ? "__select64" : "select"));
     State().s32Selects += 1;
     if (State().bNoneReadable)
     {

@@ -21,7 +21,7 @@ static constexpr int64_t STALL_MS = 5000;
 static constexpr int64_t PERIOD_US = 1000000 / 60;
 static constexpr uint32_t PICTURES = 480; // of each session
 static constexpr uint32_t SPLIT_AT = 100;
-static constexpr int64_t SLOW_MACHINE_MS = 5000;
+static constexpr int64_t SLOW_MACHINE_MS = 5000 * TEST_SLOW;
 static constexpr uint32_t MOUNT_AT = 120;          // pictures of all sessions
 static constexpr int64_t BESIDES_THE_MOUNT = 1500; // milliseconds of recording
 

@@ -1,93 +1,15 @@
 #include "storage/storage_support.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/card.h"
-
-static bool InstallFilter(const std::vector<long> &vecCalls, int32_t s32Errno)
-{
-    std::vector<sock_filter> vecFilter;
-    vecFilter.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<uint32_t>(offsetof(struct seccomp_data, nr))));
-    for (const long s32Call : vecCalls)
-    {
-        vecFilter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(s32Call), 0, 1));
-        vecFilter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(s32Errno)));
-    }
-    vecFilter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-    struct sock_fprog stProgram = {};
-    stProgram.len = static_cast<unsigned short>(vecFilter.size());
-    stProgram.filter = vecFilter.data();
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &stProgram, 0, 0) == 0;
-}
-
-bool TEST_WithFailingCalls(const std::vector<long> &vecCalls, int32_t s32Errno, const std::function<void()> &fnBody)
-{
-    bool bInstalled = false;
-    std::thread body(
-        [&]
-        {
-            bInstalled = InstallFilter(vecCalls, s32Errno);
-            if (bInstalled)
-            {
-                fnBody();
-            }
-        });
-    body.join();
-    return bInstalled;
-}
-
-std::vector<long> TEST_CallsOfSelect()
-{
-    return {
-        SYS_pselect6,
-#ifdef SYS_select
-        SYS_select,
-#endif
-#ifdef SYS__newselect
-        SYS__newselect,
-#endif
-#ifdef SYS_pselect6_time64
-        SYS_pselect6_time64,
-#endif
-    };
-}
-
-std::vector<long> TEST_CallsOfStatvfs()
-{
-    return {
-        SYS_statfs,
-#ifdef SYS_statfs64
-        SYS_statfs64,
-#endif
-    };
-}
-
-std::vector<long> TEST_CallsOfRemove()
-{
-    return {
-        SYS_unlinkat,
-#ifdef SYS_unlink
-        SYS_unlink,
-#endif
-#ifdef SYS_rmdir
-        SYS_rmdir,
-#endif
-    };
-}
 
 int32_t TEST_OpenDescriptors()
 {

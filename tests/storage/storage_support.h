@@ -1,22 +1,12 @@
-// What the storage tests need beyond a card: failing system calls, time zones, sparse files, open descriptors.
+// What the storage tests need beyond a card: time zones, sparse files, open descriptors.
 #ifndef QUARRIN_TESTS_STORAGE_SUPPORT_H
 #define QUARRIN_TESTS_STORAGE_SUPPORT_H
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
-
-/// Calls fnBody on a thread of its own, on which the given system calls fail with s32Errno; threads that it starts
-/// inherit this. False, with nothing called, when the machine does not allow it.
-bool TEST_WithFailingCalls(const std::vector<long> &vecCalls, int32_t s32Errno, const std::function<void()> &fnBody);
-
-/// The system calls that may stand behind a C function on this machine.
-std::vector<long> TEST_CallsOfSelect();
-std::vector<long> TEST_CallsOfStatvfs();
-std::vector<long> TEST_CallsOfRemove();
 
 /// Number of descriptors that the process has open.
 int32_t TEST_OpenDescriptors();

@@ -10,9 +10,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "storage/failing_calls.h"
 #include "storage/storage_support.h"
 #include "storage/uevent.h"
 #include "support/card.h"
@@ -132,24 +132,19 @@ TEST_F(Hotplug, MissingFacilityIsTriedEveryTenMillisecondsAndDoesNotHoldUpTheEnd
     const double dBegin = TEST_Seconds();
     int32_t s32Seen = 0;
     double dTaken = 0;
-    // The threads of the handle inherit the failing call.
-    const bool bCalled = TEST_WithFailingCalls({SYS_socket}, EPROTONOSUPPORT,
-                                               [&]
-                                               {
-                                                   Init();
-                                                   const auto fnCount = [this]
-                                                   {
-                                                       return m_out.Count("] hotplug netlink open failed: ");
-                                                   };
-                                                   EXPECT_TRUE(TEST_WaitFor([&] { return fnCount() >= FAILURES; }));
-                                                   s32Seen = fnCount();
-                                                   dTaken = TEST_Seconds() - dBegin;
-                                                   EXPECT_EQ(0u, QN_Destroy(m_pHandle));
-                                               });
-    if (!bCalled)
-    {
-        GTEST_SKIP() << "system calls cannot be made to fail on this machine";
-    }
+    TEST_WithFailingCall(TEST_CALL_SOCKET, EPROTONOSUPPORT,
+                         [&]
+                         {
+                             Init();
+                             const auto fnCount = [this]
+                             {
+                                 return m_out.Count("] hotplug netlink open failed: ");
+                             };
+                             EXPECT_TRUE(TEST_WaitFor([&] { return fnCount() >= FAILURES; }));
+                             s32Seen = fnCount();
+                             dTaken = TEST_Seconds() - dBegin;
+                             EXPECT_EQ(0u, QN_Destroy(m_pHandle));
+                         });
     EXPECT_GE(dTaken, (s32Seen - 1) * 0.010);
     EXPECT_EQ(nullptr, m_pHandle);
     EXPECT_TRUE(FAKE_PLATFORM_LoggedExactly(3, "QN_STORAGE_HotplugNetlinkOpen",

@@ -11,12 +11,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/select.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include "storage/failing_calls.h"
 #include "storage/hotplug_rig.h"
+#include "support/process.h"
 
 using namespace libquarrin;
 
@@ -45,21 +44,6 @@ struct MESSAGE_S
     int32_t s32Ins;
     int32_t s32Outs;
 };
-
-/// This machine's select takes a descriptor beyond fd_set's 1023. An emulator of one may end the program at that, so it
-/// is tried in a process of its own.
-bool SelectTakes(int32_t s32Fd)
-{
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        fd_set astSets[4] = {}; // no bit is set: it looks at nothing
-        timeval stWait = {};
-        _exit(select(s32Fd + 1, astSets, nullptr, nullptr, &stWait) == 0 ? 0 : 1);
-    }
-    int s32Status = 0;
-    return pid > 0 && waitpid(pid, &s32Status, 0) == pid && WIFEXITED(s32Status) && WEXITSTATUS(s32Status) == 0;
-}
 
 } // namespace
 
@@ -226,13 +210,9 @@ TEST_F(HotplugPass, InterruptedAndEmptyHandedPassesKeepTheSocket)
     {
         rig.Pass();
     };
-    const bool bCalled = TEST_WithFailingCalls(TEST_CallsOfSelect(), EINTR, fnPass) &&
-                         TEST_WithFailingCalls({SYS_recvmsg}, EINTR, fnPass) &&
-                         TEST_WithFailingCalls({SYS_recvmsg}, EAGAIN, fnPass);
-    if (!bCalled)
-    {
-        GTEST_SKIP() << "system calls cannot be made to fail on this machine";
-    }
+    TEST_WithFailingCall(TEST_CALL_SELECT, EINTR, fnPass);
+    TEST_WithFailingCall(TEST_CALL_RECVMSG, EINTR, fnPass);
+    TEST_WithFailingCall(TEST_CALL_RECVMSG, EAGAIN, fnPass);
     EXPECT_TRUE(FAKE_PLATFORM_Logs().empty());
     EXPECT_GE(rig.pHandle->s32NetlinkFd, 0);
     EXPECT_EQ(2, m_out.Count("] recvmsg\n") - s32Before); // none behind the interrupted select
@@ -250,10 +230,10 @@ TEST_F(HotplugPass, DescriptorsBeyond1023Work)
     {
         GTEST_SKIP() << "this user may not have that many descriptors";
     }
-    if (!SelectTakes(3000))
+    if (!PROCESS_SelectTakes(3000))
     {
         setrlimit(RLIMIT_NOFILE, &stBefore);
-        GTEST_SKIP() << "select of this machine takes no descriptors beyond 1023";
+        GTEST_SKIP() << "select of this machine, an emulated one, takes no descriptors beyond 1023";
     }
     {
         const HOTPLUG_RIG rig(m_dir.strPath, "mmcblk1");

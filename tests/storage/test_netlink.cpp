@@ -9,8 +9,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 
+#include "storage/failing_calls.h"
 #include "storage/hotplug_rig.h"
 #include "storage/uevent.h"
 
@@ -83,12 +83,7 @@ TEST_F(Netlink, SecondSocketOfAThreadFindsItsAddressTaken)
 TEST_F(Netlink, MissingFacilityIsLogged)
 {
     int32_t s32Fd = 0;
-    const bool bCalled =
-        TEST_WithFailingCalls({SYS_socket}, EAFNOSUPPORT, [&s32Fd] { s32Fd = QN_STORAGE_HotplugNetlinkOpen(); });
-    if (!bCalled)
-    {
-        GTEST_SKIP() << "system calls cannot be made to fail on this machine";
-    }
+    TEST_WithFailingCall(TEST_CALL_SOCKET, EAFNOSUPPORT, [&s32Fd] { s32Fd = QN_STORAGE_HotplugNetlinkOpen(); });
     EXPECT_EQ(-1, s32Fd);
     EXPECT_TRUE(FAKE_PLATFORM_LoggedExactly(3, "QN_STORAGE_HotplugNetlinkOpen",
                                             std::string("hotplug netlink open failed: ") + strerror(EAFNOSUPPORT)));

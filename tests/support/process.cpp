@@ -7,10 +7,14 @@
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
+#include <sys/select.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "support/wait.h"
 
 static std::vector<std::string> Entries(const std::string &strFolder)
 {
@@ -105,6 +109,19 @@ std::vector<std::string> PROCESS_DescriptorsBelow(const std::string &strPath)
     return vecTargets;
 }
 
+bool PROCESS_SelectTakes(int32_t s32Fd)
+{
+    std::vector<fd_set> vecSets(static_cast<size_t>(s32Fd) / FD_SETSIZE + 1); // no bit is set: it looks at nothing
+    timeval stWait = {};
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        _exit(select(s32Fd + 1, vecSets.data(), nullptr, nullptr, &stWait) == 0 ? 0 : 1);
+    }
+    int32_t s32Status = 0;
+    return pid > 0 && waitpid(pid, &s32Status, 0) == pid && WIFEXITED(s32Status) && WEXITSTATUS(s32Status) == 0;
+}
+
 static char g_szLimit[256]; // what the handler below writes; a handler may not build texts
 
 static void OnAlarm(int)
@@ -116,8 +133,9 @@ static void OnAlarm(int)
     _exit(1);
 }
 
-PROCESS_LIMIT::PROCESS_LIMIT(int32_t s32Seconds)
+PROCESS_LIMIT::PROCESS_LIMIT(int32_t s32NativeSeconds)
 {
+    const int32_t s32Seconds = s32NativeSeconds * TEST_SLOW;
     const ::testing::TestInfo *pInfo = ::testing::UnitTest::GetInstance()->current_test_info();
     const std::string strText = "FAILED: " + std::string(pInfo->test_suite_name()) + "." + pInfo->name() +
                                 " did not end within " + std::to_string(s32Seconds) + " seconds: something hangs\n";

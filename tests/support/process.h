@@ -25,12 +25,16 @@ int32_t PROCESS_DescriptorCount();
 /// What the descriptors at or below a path point to.
 std::vector<std::string> PROCESS_DescriptorsBelow(const std::string &strPath);
 
-/// Ends the whole process with a message when it lives longer than s32Seconds: for tests of what might hang, where no
+/// This machine's select takes a descriptor beyond fd_set's 1023. An emulator of one may end the program at that, so it
+/// is tried in a process of its own.
+bool PROCESS_SelectTakes(int32_t s32Fd);
+
+/// Ends the whole process with a message when it lives longer than s32NativeSeconds (times TEST_SLOW): for tests of what might hang, where no
 /// thread is left that could tell.
 class PROCESS_LIMIT
 {
 public:
-    explicit PROCESS_LIMIT(int32_t s32Seconds);
+    explicit PROCESS_LIMIT(int32_t s32NativeSeconds);
     ~PROCESS_LIMIT();
     PROCESS_LIMIT(const PROCESS_LIMIT &) = delete;
     PROCESS_LIMIT &operator=(const PROCESS_LIMIT &) = delete;

@@ -48,6 +48,7 @@ private:
     void MakeMedia();
     RECORDING_S &Start(const std::string &strName, const std::string &strInput, const std::string &strOptions,
                        TOOL_START_S stStart = TOOL_START_S());
+    void StartTest(const std::string &strName, const std::string &strOptions);
     void StartLive();
 
     std::unique_ptr<TEMP_DIR> m_pDir;

@@ -168,15 +168,16 @@ bool TOOL_PROCESS::WaitForErr(const std::string &strText)
            Err().find(strText) != std::string::npos;
 }
 
-bool TOOL_PROCESS::WaitForProgress(int32_t s32Seconds)
+bool TOOL_PROCESS::WaitForProgress(int32_t s32Seconds, int32_t s32Frames)
 {
-    const auto fnReached = [this, s32Seconds]
+    const auto fnReached = [this, s32Seconds, s32Frames]
     {
         for (const std::string &strLine : TOOL_Parts(Err(), '\n'))
         {
-            int32_t as32Time[3] = {};
-            if (sscanf(strLine.c_str(), "%d:%d:%d  ", &as32Time[0], &as32Time[1], &as32Time[2]) == 3 &&
-                as32Time[0] * 3600 + as32Time[1] * 60 + as32Time[2] >= s32Seconds)
+            int32_t as32Now[4] = {};
+            if (sscanf(strLine.c_str(), "%d:%d:%d  %d frames", &as32Now[0], &as32Now[1], &as32Now[2], &as32Now[3]) ==
+                    4 &&
+                as32Now[0] * 3600 + as32Now[1] * 60 + as32Now[2] >= s32Seconds && as32Now[3] >= s32Frames)
             {
                 return true;
             }

@@ -43,8 +43,8 @@ public:
     std::string Err();
     /// Waits until standard error holds a text.
     bool WaitForErr(const std::string &strText);
-    /// Waits until a progress line tells of s32Seconds seconds or more.
-    bool WaitForProgress(int32_t s32Seconds);
+    /// Waits until a progress line tells of s32Seconds seconds and s32Frames frames, or more.
+    bool WaitForProgress(int32_t s32Seconds, int32_t s32Frames = 0);
 
 private:
     [[noreturn]] void RunChild(const TOOL_START_S &stStart, int s32Out, int s32Err) const;

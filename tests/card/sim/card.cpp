@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ext4_shutdown.h"
 #include "guard.h"
 #include "loop.h"
 
@@ -23,10 +24,6 @@ static_assert(FIRST_NUMBER >= LOOP_FIRST, "smaller numbers are not ours");
 constexpr auto WATCH_PAUSE = std::chrono::milliseconds(20);
 constexpr useconds_t RELEASE_PAUSE_US = 10000;
 constexpr int32_t REMOVE_TRIES = 5;
-
-// ext4's shutdown (fs/ext4/ext4.h, EXT4_IOC_SHUTDOWN): the journal is not flushed, every later access fails.
-constexpr unsigned long EXT4_SHUTDOWN = _IOR('X', 125, uint32_t);
-constexpr uint32_t EXT4_NO_LOG_FLUSH = 2;
 
 static int32_t PickNumber()
 {
@@ -215,18 +212,11 @@ bool CARD::Announce(const char *pszAction)
     return m_bDevice && LOOP_Announce(m_s32Number, pszAction);
 }
 
-bool CARD::CutPower()
+static bool ShutDown(const std::string &strWhere)
 {
-    if (m_bServed)
-    {
-        m_upServer->Kill();
-        return true;
-    }
-    std::string strWhere;
-    if (!LOOP_IsMounted(m_s32Number, strWhere))
-    {
-        return false;
-    }
+#ifdef QUARRIN_POWER_CUT
+    return IMAGE_Run({QUARRIN_POWER_CUT, strWhere}) == 0;
+#else
     const int s32Dir = open(strWhere.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (s32Dir < 0)
     {
@@ -236,6 +226,18 @@ bool CARD::CutPower()
     const bool bDone = ioctl(s32Dir, EXT4_SHUTDOWN, &u32How) == 0;
     close(s32Dir);
     return bDone;
+#endif
+}
+
+bool CARD::CutPower()
+{
+    if (m_bServed)
+    {
+        m_upServer->Kill();
+        return true;
+    }
+    std::string strWhere;
+    return LOOP_IsMounted(m_s32Number, strWhere) && ShutDown(strWhere);
 }
 
 void CARD::Unmount()

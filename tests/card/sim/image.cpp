@@ -18,6 +18,10 @@ static const char *const FOLDERS[] = {"/usr/sbin/", "/sbin/", "/usr/bin/", "/bin
 
 static std::string FindProgram(const std::string &strName)
 {
+    if (strName[0] == '/')
+    {
+        return strName;
+    }
     for (const char *pszFolder : FOLDERS)
     {
         if (access((pszFolder + strName).c_str(), X_OK) == 0)
