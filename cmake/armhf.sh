@@ -11,6 +11,8 @@ cd "$(dirname "$0")/.."
 part=armhf
 root=build/armhf-root
 directory=build/armhf
+# What the emulator cannot do: its select ends the program at descriptors beyond 1023.
+limits="HotplugPass.DescriptorsBeyond1023Work HotplugInTheWild.DescriptorsAbove1023AreListenedTo"
 
 skip()
 {
@@ -45,9 +47,19 @@ need_root()
     say "the tree is there after $(($(date +%s) - began)) s"
 }
 
+check_skips()
+{
+    for test in $(skipped_tests "$directory" | sed 's/:.*//'); do
+        case " $limits " in
+        *" $test "*) ;;
+        *) broken="$broken skipped-$test" ;;
+        esac
+    done
+}
+
 mkdir -p build
 # shellcheck disable=SC2086 # lists of words
-need_packages $build_tools $test_tools
+need_packages g++ $build_tools $test_tools
 need_compiler
 need_root
 [ "${1-}" != --prepare ] || exit 0
@@ -55,5 +67,7 @@ began=$(date +%s)
 say "building in $directory"
 build_in "$directory" --preset armhf "$@" || die "the build failed"
 say "built in $(($(date +%s) - began)) s"
+part= # the tests' lines have their name already
 test_in armhf "$directory"
+! may_skip_nothing || [ ! -s "$directory/ctest.xml" ] || check_skips
 summary

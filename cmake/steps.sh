@@ -116,12 +116,23 @@ count_pass()
     done | awk '{ p += $1; f += $2; s += $3 } END { printf "%d %d %d\n", p, f, s }'
 }
 
-# The names of the tests that a pass skipped, those of GoogleTest and other ones, each on a line.
+# The tests that a pass skipped, those of GoogleTest with their reasons and other ones, each on a line.
 skipped_tests()
 {
-    grep -hE 'result="skipped"' "$1"/results/*.xml 2>/dev/null |
-        sed -n 's/.*name="\([^"]*\)".*classname="\([^"]*\)".*/\2.\1/p'
+    cat "$1"/results/*.xml 2>/dev/null | sed -n '/<testcase .*result="skipped"/{
+        s/.*name="\([^"]*\)".*classname="\([^"]*\)".*/\2.\1/
+        N
+        s/\n.*<skipped message="[^"&]*\(&#x0A;\)*\([^"]*\)".*/: \2/
+        s/\n.*//
+        p
+    }'
     sed -n 's/.*<testcase name="\([^"]*\)".*status="\(notrun\|disabled\)".*/\1/p' "$1/ctest.xml"
+}
+
+# Root on a machine with loop devices: there is all that the tests can need.
+may_skip_nothing()
+{
+    [ "$(id -u)" -eq 0 ] && [ -e /dev/loop-control ]
 }
 
 # The sanitizers' address layout does not fit every kernel's random one; where it can be switched off, it is.
