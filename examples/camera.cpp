@@ -83,7 +83,7 @@ static void Encode(View *view)
     const steady_clock::time_point begin = steady_clock::now();
     for (uint64_t number = 1; !view->end; number++)
     {
-        Frame frame = clip.frames[(number - 1) % clip.frames.size()];
+        Frame frame = clip.frames[static_cast<size_t>((number - 1) % clip.frames.size())];
         frame.pts = number * 90000 / clip.fps; // begins above 0: a first pts of 0 counts as not seen
         view->queue.Push(std::move(frame));
         std::this_thread::sleep_until(begin + milliseconds(number * 1000 / clip.fps));
