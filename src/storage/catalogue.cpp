@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 
 #include "libquarrin/naming.h"
-#include "storage/catalogue_brief.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -23,26 +22,16 @@ static time_t ToTime(tm stTime)
     return mktime(&stTime);
 }
 
-// What a name says of its file. False, with a warning under the caller's name, when it does not begin with a time.
-static bool ReadName(const char *pszFunc, const char *pszName, const std::string &strPath, tm &stStart, tm &stEnd,
-                     std::string &strExt)
-{
-    if (QN_STORAGE_GetFilenameInfo(pszName, stStart, stEnd, strExt) == 0)
-    {
-        return true;
-    }
-    QN_LOG_WARN_AS(pszFunc, "Oops, %s not indexable", strPath.c_str());
-    return false;
-}
-
+// False, with a warning under the caller's name, when the name does not begin with a time.
 static bool Describe(const char *pszFunc, const char *pszName, const std::string &strPath, off_t s64Size,
                      tagQN_FILE_INFO_S &stInfo)
 {
     tm stStart = {};
     tm stEnd = {};
     std::string strExt;
-    if (!ReadName(pszFunc, pszName, strPath, stStart, stEnd, strExt))
+    if (QN_STORAGE_GetFilenameInfo(pszName, stStart, stEnd, strExt) != 0)
     {
+        QN_LOG_WARN_AS(pszFunc, "Oops, %s not indexable", strPath.c_str());
         return false;
     }
     stInfo.strName = pszName;
@@ -77,96 +66,41 @@ int32_t QN_STORAGE_GetFileInfo(const char *pszPath, tagQN_FILE_INFO_S *pstInfo)
     return 0;
 }
 
-// The next name in a folder, without "." and ".."; null at its end.
-static const char *NextName(DIR *pDir)
+static bool StartsEarlier(const tagQN_FILE_INFO_S &stLeft, const tagQN_FILE_INFO_S &stRight)
 {
-    while (const dirent *pEntry = readdir(pDir))
-    {
-        if (strcmp(pEntry->d_name, ".") != 0 && strcmp(pEntry->d_name, "..") != 0)
-        {
-            return pEntry->d_name;
-        }
-    }
-    return nullptr;
+    return stLeft.tStart < stRight.tStart;
 }
 
-// How many there are: records of thousands of files are not to be moved from one block to one of twice its size.
-static size_t CountNames(DIR *pDir)
-{
-    size_t count = 0;
-    while (NextName(pDir) != nullptr)
-    {
-        ++count;
-    }
-    rewinddir(pDir);
-    return count;
-}
-
-// Fills the list with what fnRead makes of each regular file, earliest start first. Untouched when the folder cannot be
-// opened.
-template <typename RECORD>
-static void Walk(const char *pszFolder, std::vector<RECORD> &vecFiles,
-                 bool (*fnRead)(const char *pszName, const std::string &strPath, off_t s64Size, RECORD &stRecord))
+int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
 {
     DIR *pDir = opendir(pszFolder); // close-on-exec by itself
     if (pDir == nullptr)
     {
-        return;
+        return 0;
     }
     vecFiles.clear();
-    vecFiles.reserve(CountNames(pDir));
-    while (const char *pszName = NextName(pDir))
+    while (const dirent *pEntry = readdir(pDir))
     {
+        const char *pszName = pEntry->d_name;
+        if (strcmp(pszName, ".") == 0 || strcmp(pszName, "..") == 0)
+        {
+            continue;
+        }
         const std::string strPath = std::string(pszFolder) + "/" + pszName;
         struct stat stStat = {};
         if (lstat(strPath.c_str(), &stStat) != 0 || !S_ISREG(stStat.st_mode))
         {
             continue;
         }
-        RECORD stRecord = {};
-        if (fnRead(pszName, strPath, stStat.st_size, stRecord))
+        tagQN_FILE_INFO_S stInfo;
+        if (Describe(__func__, pszName, strPath, stStat.st_size, stInfo))
         {
-            vecFiles.push_back(std::move(stRecord));
+            vecFiles.push_back(std::move(stInfo));
         }
     }
     closedir(pDir);
-    std::sort(vecFiles.begin(), vecFiles.end(),
-              [](const RECORD &stLeft, const RECORD &stRight) { return stLeft.tStart < stRight.tStart; });
-}
-
-constexpr const char *SCAN = "QN_STORAGE_ScanFolder";
-
-static bool ReadInfo(const char *pszName, const std::string &strPath, off_t s64Size, tagQN_FILE_INFO_S &stInfo)
-{
-    return Describe(SCAN, pszName, strPath, s64Size, stInfo);
-}
-
-int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
-{
-    Walk(pszFolder, vecFiles, ReadInfo);
+    std::sort(vecFiles.begin(), vecFiles.end(), StartsEarlier);
     return 0;
-}
-
-static bool ReadBrief(const char *pszName, const std::string &strPath, off_t s64Size, tagQN_BRIEF_S &stBrief)
-{
-    tm stStart = {};
-    tm stEnd = {};
-    std::string strExt;
-    if (!ReadName(SCAN, pszName, strPath, stStart, stEnd, strExt))
-    {
-        return false;
-    }
-    stBrief.tStart = ToTime(stStart);
-    stBrief.strName = pszName;
-    stBrief.u32Size = static_cast<uint32_t>(s64Size); // Kept: as above
-    return true;
-}
-
-std::vector<tagQN_BRIEF_S> QN_CATALOGUE_Brief(const char *pszFolder)
-{
-    std::vector<tagQN_BRIEF_S> vecFiles;
-    Walk(pszFolder, vecFiles, ReadBrief);
-    return vecFiles;
 }
 
 } // namespace libquarrin

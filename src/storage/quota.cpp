@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "core/handle_private.h"
+#include "libquarrin/catalogue.h"
 #include "libquarrin/naming.h"
 #include "libquarrin/storage.h"
 #include "storage/card_commands.h"
-#include "storage/catalogue_brief.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
@@ -80,24 +80,23 @@ static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
 }
 
 // Oldest first, until there is room or no file is left.
-static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const std::string &strFolder,
-                         const std::vector<tagQN_BRIEF_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
+static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume,
+                         const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
 {
     constexpr const char *FUNC = "QN_STORAGE_QuotaCheck";
-    for (const tagQN_BRIEF_S &stFile : vecFiles)
+    for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
         if (!IsFull(stSum))
         {
             break;
         }
-        const std::string strPath = strFolder + "/" + stFile.strName;
-        if (QN_WRITING_IsClaimed(pHandle, strPath))
+        if (QN_WRITING_IsClaimed(pHandle, stFile.strPath))
         {
             continue; // deleting a file that is being written frees nothing and loses the recording
         }
-        QN_LOG_INFO_AS(FUNC, "Quota[%d] remove %s", static_cast<int>(enVolume), strPath.c_str());
-        (void)remove(strPath.c_str()); // a file that stays still counts as freed
-        stSum.u64Used -= stFile.u32Size;
+        QN_LOG_INFO_AS(FUNC, "Quota[%d] remove %s", static_cast<int>(enVolume), stFile.strPath.c_str());
+        (void)remove(stFile.strPath.c_str()); // a file that stays still counts as freed
+        stSum.u64Used -= stFile.u64Size;
     }
     QN_LOG_INFO_AS(FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
 }
@@ -114,18 +113,18 @@ int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     tagQN_QUOTA_SUM_S stSum = {QuotaBytes(stVolume, u64Total), 0, stVolume.u32ReserveBytes};
     const bool bAutoDelete = __atomic_load_n(&stVolume.bAutoDelete, __ATOMIC_SEQ_CST);
 
-    const std::string strFolder = VolumePath(pHandle, stVolume);
-    const std::vector<tagQN_BRIEF_S> vecFiles = QN_CATALOGUE_Brief(strFolder.c_str()); // a missing folder is empty
-    for (const tagQN_BRIEF_S &stFile : vecFiles)
+    std::vector<tagQN_FILE_INFO_S> vecFiles;
+    (void)QN_STORAGE_ScanFolder(VolumePath(pHandle, stVolume).c_str(), vecFiles); // a missing folder is empty
+    for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
-        stSum.u64Used += stFile.u32Size;
+        stSum.u64Used += stFile.u64Size;
     }
     QN_LOG_INFO("Quota[%d] quota:%d %s", static_cast<int>(enVolume), bAutoDelete ? 1 : 0, SumText(stSum).c_str());
 
     pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
     if (bAutoDelete)
     {
-        DeleteOldest(pHandle, enVolume, strFolder, vecFiles, stSum);
+        DeleteOldest(pHandle, enVolume, vecFiles, stSum);
     }
     else if (IsFull(stSum))
     {
