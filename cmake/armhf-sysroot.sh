@@ -43,11 +43,18 @@ if ! fetch --no-install-recommends --download-only install $packages; then
 fi
 find "$work/archives" -maxdepth 1 -name '*.deb' -print0 |
     xargs -0 -P "$(nproc)" -I '{}' dpkg-deb -x '{}' "$work/tree"
+# What these packages say about their libraries; where dpkg-shlibdeps looks for it in a tree.
+mkdir "$work/tree/DEBIAN"
+for package in "$work"/archives/*.deb; do
+    for file in symbols shlibs; do
+        dpkg-deb --ctrl-tarfile "$package" | tar -xOf - "./$file" >>"$work/tree/DEBIAN/$file" 2>/dev/null || true
+    done
+done
 
 # The emulator looks into the tree first for every absolute path: what only packages need when they are installed goes,
 # or a program would find this tree's /tmp, /etc and time zones in place of the machine's.
 cd "$work/tree"
-find . -mindepth 1 -maxdepth 1 ! -name lib ! -name usr -exec rm -rf {} +
+find . -mindepth 1 -maxdepth 1 ! -name lib ! -name usr ! -name DEBIAN -exec rm -rf {} +
 find usr -mindepth 1 -maxdepth 1 ! -name lib ! -name include ! -name share ! -name src -exec rm -rf {} +
 find usr/share -mindepth 1 -maxdepth 1 ! -name pkgconfig ! -name cmake ! -name CLI11 -exec rm -rf {} +
 # Absolute links point into the tree.

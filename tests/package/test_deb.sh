@@ -1,35 +1,18 @@
 #!/bin/sh
-# test_deb.sh PACKAGES SOURCE DIR: installs the three packages of the folder PACKAGES into a fresh copy of the clean root
+# test_deb.sh PACKAGES SOURCE DIR ARCHITECTURE: installs the three packages of the folder PACKAGES into a fresh copy of the clean root
 # below DIR, compiles the README's host against them in the README's two ways, runs both on a recording that the packaged
 # tool made, and removes the packages without a trace. As root. One line per check; the last line counts them. Ends with
 # 77 when no root or no package can be fetched.
 # shellcheck disable=SC2016,SC2317 # single quotes for an inner shell; functions that check calls
 set -u
 unset CDPATH
+# shellcheck source=tests/package/deb_checks.sh
+. "$2/tests/package/deb_checks.sh"
 # shellcheck source=tests/package/in_root.sh
 . "$2/tests/package/in_root.sh"
 
-packages=$(cd "$1" && pwd)
-source=$(cd "$2" && pwd)
-mkdir -p "$3"
-place=$(cd "$3" && pwd)
-version=$(dpkg-parsechangelog -l "$source/debian/changelog" -S Version)
-machine=$(dpkg-architecture -q DEB_HOST_ARCH)
-triplet=$(dpkg-architecture -q DEB_HOST_MULTIARCH)
-names="libquarrin1 libquarrin-dev quarrin-tools"
 root=$place/try
 inside=/srv/quarrin # where the test works within the root
-unpacked=$place/unpacked
-log=$place/check.log
-passed=0 failed=0
-
-leave()
-{
-    echo "$passed passed, $failed failed, $1 skipped"
-    [ "$failed" -eq 0 ] || exit 1
-    [ "$1" -eq 0 ] || exit 77
-    exit 0
-}
 
 skip()
 {
@@ -40,22 +23,6 @@ $1
 ############################################################
 END
     leave 1
-}
-
-# check SENTENCE COMMAND...: shows the command's output only when it fails.
-check()
-{
-    sentence=$1
-    shift
-    if "$@" >"$log" 2>&1; then
-        echo "ok: $sentence"
-        passed=$((passed + 1))
-    else
-        echo "FAILED: $sentence"
-        tail -n 60 "$log"
-        failed=$((failed + 1))
-        return 1
-    fi
 }
 
 work_in_root()
@@ -113,37 +80,19 @@ has_manual_page()
     gzip -dc "$root/usr/share/man/man1/quarrin.1.gz" | grep "^\.TH QUARRIN 1 .*quarrin ${version%-*}"
 }
 
-# The blocks of the README: its host, its CMake lines, its compiler line.
 from_readme()
 {
     mkdir -p "$root$inside/cmake"
-    awk '/^```cpp$/ { on = 1; next } /^```$/ { on = 0 } on' "$source/README.md" >"$root$inside/host.cpp"
-    cp "$root$inside/host.cpp" "$root$inside/cmake/"
-    { printf 'cmake_minimum_required(VERSION 3.18)\nproject(host CXX)\n' &&
-        awk '/^```cmake$/ { on = 1; next } /^```$/ { on = 0 } on' "$source/README.md"; } >"$root$inside/cmake/CMakeLists.txt"
-    sed -n 's/^    \(g++ .*pkg-config.*\)/\1/p' "$source/README.md" >"$root$inside/compile"
+    readme_host | tee "$root$inside/host.cpp" >"$root$inside/cmake/host.cpp"
+    readme_cmake >"$root$inside/cmake/CMakeLists.txt"
+    readme_compile >"$root$inside/compile"
     cmp "$root$inside/host.cpp" "$source/examples/host.cpp" && grep -q find_package "$root$inside/cmake/CMakeLists.txt" &&
         [ "$(wc -l <"$root$inside/compile")" -eq 1 ]
 }
 
-# video_frames STORAGE FILE: how many pictures the packaged tool reads out of a recording.
-video_frames()
+tool()
 {
-    in_root "$root" quarrin play "$2" --storage "$1" --frames | grep -c ' type=video '
-}
-
-# recorded STORAGE: one finished recording of some seconds, with the host's comment and all pictures of the clip.
-recorded()
-{
-    in_root "$root" quarrin list --storage "$1" --json >"$place/list.json" || return 1
-    cat "$place/list.json"
-    [ "$(grep -c '"name"' "$place/list.json")" -eq 1 ] || return 1
-    grep -q '"comment": "front"' "$place/list.json" && grep -q '"in_progress": false' "$place/list.json" || return 1
-    name=$(sed -n 's/.*"name": "\(.*\)".*/\1/p' "$place/list.json")
-    got=$(video_frames "$1" "$name")
-    wanted=$(video_frames "$inside/clips" "$clip")
-    echo "$got of $wanted pictures"
-    [ "$wanted" -ge 190 ] && [ "$got" -eq "$wanted" ]
+    in_root "$root" quarrin "$@"
 }
 
 no_name_of_ours()
@@ -156,62 +105,6 @@ as_before()
 {
     "$1" >"$place/$1.after" && diff "$place/$1.before" "$place/$1.after"
 }
-
-# ---- what is in the packages
-
-lintian_is_silent()
-{
-    lintian --allow-root --display-info --fail-on error,warning,info "$packages"/*.changes
-}
-
-version_is_the_projects()
-{
-    grep -x "project(quarrin VERSION ${version%-*} .*" "$source/CMakeLists.txt"
-}
-
-dependencies_are_right()
-{
-    for name in $names; do
-        dpkg-deb -f "$packages/${name}_${version}_$machine.deb" Package Architecture Multi-Arch Depends
-    done >"$place/control"
-    cat "$place/control"
-    for library in libavformat libavcodec libavutil libsdl2-2 libsdl2-image libstdc++ libc6; do
-        sed -n 1,4p "$place/control" | grep -q "^Depends:.*$library" || return 1
-    done
-    sed -n 5,8p "$place/control" | grep -qx "Depends: libquarrin1 (= $version)" &&
-        sed -n 9,12p "$place/control" | grep -q "^Depends:.* libquarrin1 (>= ${version%-*})"
-}
-
-unpacks()
-{
-    mkdir "$unpacked"
-    for name in $names; do
-        dpkg-deb -x "$packages/${name}_${version}_$machine.deb" "$unpacked/$name" || return 1
-    done
-}
-
-# The library's files stand where those of another architecture can stand beside them.
-lies_by_architecture()
-{
-    (cd "$unpacked" && find libquarrin1 libquarrin-dev -path '*/usr/lib/*' ! -type d) >"$place/files"
-    ! grep -v "/usr/lib/$triplet/" "$place/files" && grep "/libquarrin.so.1$" "$place/files"
-}
-
-names_no_place_of_the_build()
-{
-    [ -d "$unpacked/libquarrin-dev" ] && ! grep -rF -e "$source" -e "$packages" "$unpacked"
-}
-
-rm -rf "$unpacked"
-check "lintian has nothing to say" lintian_is_silent
-check "the version is the project's" version_is_the_projects
-check "the packages depend on what they link, and on one another" dependencies_are_right
-check "the packages unpack" unpacks
-check "libraries and package files lie in the folder of the architecture" lies_by_architecture
-check "nothing in them names the place of the build" names_no_place_of_the_build
-rm -rf "$unpacked"
-
-# ---- in a clean root
 
 [ "$(id -u)" -eq 0 ] || skip "root is needed for that: start it as root"
 began=$(date +%s)
@@ -226,7 +119,7 @@ trap 'rm -rf "$root"' EXIT
 cp -a "$place/root" "$root" || { check "the clean root can be copied" false; leave 0; }
 mkdir -p "$root$inside/packages" "$place/archives"
 for name in $names; do
-    cp "$packages/${name}_${version}_$machine.deb" "$root$inside/packages/" || { check "there is a package $name" false; leave 0; }
+    cp "$(file_of "$name")" "$root$inside/packages/" || { check "there is a package $name" false; leave 0; }
 done
 for kind in listing installed libraries; do
     "$kind" >"$place/$kind.before"
@@ -261,12 +154,13 @@ check "the one takes the library from the package" links_the_package host
 check "so does the other" links_the_package host-cmake
 check "the tool records a clip" work_in_root 'quarrin record test --format ts --duration 8 --storage clips'
 path=$(find "$root$inside/clips/rec" -name '*.ts')
+clips=$inside/clips
 clip=$(basename "$path")
 check "the clip is one file" [ -f "$path" ]
 check "both hosts record it again" work_in_root "mkdir one two && { ./host /dev/null $inside/one clips/rec/$clip & } &&
     ./host-cmake /dev/null $inside/two clips/rec/$clip && wait \$!"
-check "the recording of the first has every picture" recorded "$inside/one"
-check "so has the recording of the second" recorded "$inside/two"
+check "the recording of the first has every picture" recorded "$inside/one" 100
+check "so has the recording of the second" recorded "$inside/two" 100
 
 # shellcheck disable=SC2086 # a list of words
 check "apt purges them" in_root "$root" apt-get -qy purge $names
