@@ -71,6 +71,18 @@ static bool StartsEarlier(const tagQN_FILE_INFO_S &stLeft, const tagQN_FILE_INFO
     return stLeft.tStart < stRight.tStart;
 }
 
+// How many names a folder has, so that its records are not moved into a block of twice the size again and again.
+static size_t CountNames(DIR *pDir)
+{
+    size_t count = 0;
+    while (readdir(pDir) != nullptr)
+    {
+        ++count;
+    }
+    rewinddir(pDir);
+    return count;
+}
+
 int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
 {
     DIR *pDir = opendir(pszFolder); // close-on-exec by itself
@@ -79,6 +91,7 @@ int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO
         return 0;
     }
     vecFiles.clear();
+    vecFiles.reserve(CountNames(pDir));
     while (const dirent *pEntry = readdir(pDir))
     {
         const char *pszName = pEntry->d_name;
