@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <set>
@@ -84,6 +85,13 @@ int64_t ResidentKb()
     return ReadWord("/proc/self/smaps_rollup", "Private_Dirty:");
 }
 
+double Now()
+{
+    struct timespec stTime = {};
+    clock_gettime(CLOCK_MONOTONIC, &stTime);
+    return static_cast<double>(stTime.tv_sec) + static_cast<double>(stTime.tv_nsec) / 1e9;
+}
+
 int64_t CountSince(const std::set<std::string> &setThen)
 {
     return static_cast<int64_t>(ThreadsSince(setThen).size());
@@ -138,9 +146,13 @@ void ASK_Idle()
     usleep(500000); // what was woken by all this is asleep again
     const int64_t s64Out = SleepsOf(setOut);
     const int64_t s64In = SleepsOf(setIn);
+    const double dBegin = Now();
     sleep(IDLE_SECONDS);
-    RIG_Figure("wakeups_card_out", static_cast<double>(SleepsOf(setOut) - s64Out) / IDLE_SECONDS);
-    RIG_Figure("wakeups_card_in", static_cast<double>(SleepsOf(setIn) - s64In) / IDLE_SECONDS);
+    const double dOut = static_cast<double>(SleepsOf(setOut) - s64Out);
+    const double dIn = static_cast<double>(SleepsOf(setIn) - s64In);
+    const double dSeconds = Now() - dBegin; // a busy machine may oversleep
+    RIG_Figure("wakeups_card_out", dOut / dSeconds);
+    RIG_Figure("wakeups_card_in", dIn / dSeconds);
     RIG_Expect(QN_Destroy(pOut), "QN_Destroy");
     RIG_Expect(QN_Destroy(pIn), "QN_Destroy");
     for (const int s32Socket : as32Sockets)
