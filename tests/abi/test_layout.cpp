@@ -144,6 +144,13 @@ TEST(Layout, PhotoParametersAreSixWordsOnEveryTarget)
     EXPECT_EQ(24u, sizeof(tagQN_PHOTO_PARAM_S));
 }
 
+TEST(Layout, CapacityIsThreeWordsAndAPercentageOnEveryTarget)
+{
+    ExpectLayout({FIELD(tagQN_STORAGE_INFO_S, u32TotalKB, 0, 0), FIELD(tagQN_STORAGE_INFO_S, u32FreeKB, 4, 4),
+                  FIELD(tagQN_STORAGE_INFO_S, u32UsedKB, 8, 8), FIELD(tagQN_STORAGE_INFO_S, dUsedPercent, 16, 16)});
+    EXPECT_EQ(24u, sizeof(tagQN_STORAGE_INFO_S));
+}
+
 TEST(Layout, BackEndTablesAreTheirSlotsInOrder)
 {
     const std::vector<size_t> vecOffsets = {
