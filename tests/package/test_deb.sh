@@ -86,8 +86,8 @@ from_readme()
     readme_host | tee "$root$inside/host.cpp" >"$root$inside/cmake/host.cpp"
     readme_cmake >"$root$inside/cmake/CMakeLists.txt"
     readme_compile >"$root$inside/compile"
-    cmp "$root$inside/host.cpp" "$source/examples/host.cpp" && grep -q find_package "$root$inside/cmake/CMakeLists.txt" &&
-        [ "$(wc -l <"$root$inside/compile")" -eq 1 ]
+    cmp "$root$inside/host.cpp" "$source/examples/host.cpp" &&
+        grep -q find_package "$root$inside/cmake/CMakeLists.txt" && [ "$(wc -l <"$root$inside/compile")" -eq 1 ]
 }
 
 tool()
@@ -97,7 +97,9 @@ tool()
 
 no_name_of_ours()
 {
-    ! { cd "$root" && find . -path "./srv/quarrin" -prune -o -path ./proc -prune -o -iname '*quarrin*' -print | grep .; } &&
+    (cd "$root" && find . -path ./srv/quarrin -prune -o -path ./proc -prune -o -iname '*quarrin*' -print) >"$place/left"
+    cat "$place/left"
+    [ ! -s "$place/left" ] &&
         ! in_root "$root" dpkg-query -W 'libquarrin*' 'quarrin*' && ! libraries | grep quarrin
 }
 
@@ -136,7 +138,10 @@ done
 # shellcheck disable=SC2086 # lists of words
 check "apt finds everything that the packages depend on" in_root "$root" $apt -s $debs || leave 0
 # shellcheck disable=SC2086
-in_root "$root" $apt --download-only $debs >"$log" 2>&1 || { tail -n 20 "$log" >&2; skip "the packages they depend on cannot be had"; }
+if ! in_root "$root" $apt --download-only $debs >"$log" 2>&1; then
+    tail -n 20 "$log" >&2
+    skip "the packages they depend on cannot be had"
+fi
 find "$root/var/cache/apt/archives" -maxdepth 1 -name '*.deb' -exec cp -u '{}' "$place/archives/" ';'
 # shellcheck disable=SC2086
 check "apt installs them" in_root "$root" $apt $debs || leave 0
@@ -149,7 +154,8 @@ check "bash finds its completion, and it completes" completes
 
 check "the README has a host, which is the example, and two ways to link it" from_readme
 check "the README's compiler line compiles the host" work_in_root 'sh -eu compile'
-check "the README's CMake lines compile the host" work_in_root 'cmake -S cmake -B built && cmake --build built && cp built/host host-cmake'
+check "the README's CMake lines compile the host" work_in_root \
+    'cmake -S cmake -B built && cmake --build built && cp built/host host-cmake'
 check "the one takes the library from the package" links_the_package host
 check "so does the other" links_the_package host-cmake
 check "the tool records a clip" work_in_root 'quarrin record test --format ts --duration 8 --storage clips'

@@ -53,7 +53,8 @@ same_as_others()
 is_for_arm()
 {
     for file in "$prefix/bin/quarrin" "$prefix/lib/$triplet/libquarrin.so.1"; do
-        readelf -h "$file" | grep 'Machine: *ARM$' && readelf -A "$file" | grep 'Tag_ABI_VFP_args: VFP registers' || return 1
+        readelf -h "$file" | grep 'Machine: *ARM$' || return 1
+        readelf -A "$file" | grep 'Tag_ABI_VFP_args: VFP registers' || return 1
     done
 }
 
