@@ -122,6 +122,39 @@ TEST_F(OnCard, CameraGoesThroughAPullAndAReplug)
     EXPECT_LE(uCutOff, 2u); // those that were being written when the card went
 }
 
+TEST_F(OnCard, CameraResumesAfterAPullThatIsAnnouncedTwice)
+{
+    const auto pCamera = Start(EXAMPLE_CAMERA, {m_upCard->Device(), m_upCard->MountDir(), m_strClip});
+    ASSERT_TRUE(WaitForLine(*pCamera, "card: not there"));
+    ASSERT_TRUE(m_upCard->In());
+    ASSERT_TRUE(WaitForLine(*pCamera, "front: recording"));
+    ASSERT_TRUE(WaitForLine(*pCamera, "rear: recording"));
+    ASSERT_TRUE(m_upCard->Announce("remove"));
+    ASSERT_TRUE(WaitForLine(*pCamera, "front: stopped, card gone"));
+    ASSERT_TRUE(WaitForLine(*pCamera, "rear: stopped, card gone"));
+    ASSERT_TRUE(m_upCard->Announce("remove")); // marks the stopped sessions
+    ASSERT_TRUE(m_upCard->Announce("add"));
+    ASSERT_TRUE(WaitForLine(*pCamera, "front: recording", 2));
+    ASSERT_TRUE(WaitForLine(*pCamera, "rear: recording", 2));
+    pCamera->Signal(SIGTERM);
+    EXPECT_EQ(0, pCamera->Wait());
+}
+
+TEST_F(OnCard, CameraSaysThatAWriteProtectedCardTakesNoFile)
+{
+    CARD_PARAM_S stParam;
+    stParam.bReadOnly = true;
+    CARD card(stParam);
+    const auto pCamera = Start(EXAMPLE_CAMERA, {card.Device(), card.MountDir(), m_strClip});
+    ASSERT_TRUE(WaitForLine(*pCamera, "card: not there"));
+    ASSERT_TRUE(card.In());
+    ASSERT_TRUE(WaitForLine(*pCamera, "card: mounted"));
+    ASSERT_TRUE(WaitForLine(*pCamera, "front: the card takes no file (result 7): write-protected or damaged?"));
+    pCamera->Signal(SIGTERM);
+    EXPECT_EQ(0, pCamera->Wait());
+    EXPECT_FALSE(TEST_Exists(card.MountDir()));
+}
+
 TEST_F(OnCard, CameraEndsWithoutACard)
 {
     const auto pCamera = Start(EXAMPLE_CAMERA, {m_upCard->Device(), m_upCard->MountDir(), m_strClip});
@@ -172,6 +205,21 @@ TEST_F(OnCard, OwnLayerMountsAndUnmounts)
     const std::vector<std::string> vecNames = Finished(m_strRec);
     ASSERT_EQ(1u, vecNames.size());
     EXPECT_EQ(CLIP_FRAMES, ExpectWhole(m_strRec + "/" + vecNames[0]));
+}
+
+TEST_F(OnCard, OwnLayerGoesOnWithACardThatIsMountedAndAnnouncedAgain)
+{
+    ASSERT_TRUE(m_upCard->In() && MountIt()); // as a program leaves it that was killed
+    const std::string &strMount = m_upCard->MountDir();
+    const auto pOwn = Start(EXAMPLE_OWN_LAYER, {m_upCard->Device(), strMount, m_strClip});
+    ASSERT_TRUE(TEST_WaitFor([&] { return OpenRecordings(pOwn->Pid()) == 1; }, EXAMPLE_WAIT_MS)) << pOwn->Err();
+    ASSERT_TRUE(m_upCard->Announce("add"));
+    EXPECT_EQ(0, pOwn->Wait());
+    EXPECT_NE(std::string::npos, pOwn->Err().find("result 0 of: mkdir -p " + strMount + "; mount ")) << pOwn->Err();
+    EXPECT_FALSE(TEST_Exists(strMount));
+    ASSERT_TRUE(MountIt());
+    ASSERT_EQ(1u, Finished(m_strRec).size());
+    EXPECT_EQ(CLIP_FRAMES, ExpectWhole(m_strRec + "/" + Finished(m_strRec)[0]));
 }
 
 TEST_F(OnCard, OwnLayerTakesAPulledCardOffThoughItsFileIsOpen)

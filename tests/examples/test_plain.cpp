@@ -146,6 +146,20 @@ TEST_F(Camera, WaitsForRoomOnAFullCardAndOverwritesWhenItMay)
     EXPECT_EQ(0, pCamera->Wait());
 }
 
+TEST_F(Camera, BeginsANewFileWhenNothingReachesTheCardAnyMore)
+{
+    TOOL_START_S stStart;
+    const std::string strFolder = NewFolder("card");
+    stStart.strProgram = EXAMPLE_CAMERA;
+    stStart.vecArgs = {"/dev/null", strFolder, MakeClip(QN_CODEC_H264, QN_FILE_FMT_E_TS)};
+    stStart.u64LargestFile = 30000; // two to three seconds; what is behind it is refused, and still counted as written
+    TOOL_PROCESS camera(stStart);
+    ASSERT_TRUE(WaitForLine(camera, "rear: stopped, nothing reaches the card any more"));
+    ASSERT_TRUE(WaitForLine(camera, "rear: recording", 2));
+    camera.Signal(SIGTERM);
+    EXPECT_EQ(0, camera.Wait());
+}
+
 TEST_F(Camera, RefusesWhatItCannotWorkWith)
 {
     const std::string strClip = MakeClip(QN_CODEC_H264, QN_FILE_FMT_E_TS);

@@ -2,6 +2,11 @@
 
 #include <csignal>
 
+extern "C"
+{
+#include <libavformat/avformat.h>
+}
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +35,37 @@ protected:
         const std::string strPath = MakeClip(enCodec, enFormat);
         const std::string strName = strPath.substr(strPath.rfind('/') + 1);
         EXPECT_EQ(0, rename(strPath.c_str(), (m_strRec + "/" + strName).c_str()));
+        return strName;
+    }
+
+    // Puts a transport stream among the recordings whose clock begins in the middle of a second, as those of other
+    // recorders do; its name.
+    std::string AddLateClip() const
+    {
+        const std::vector<TEST_FRAME_S> &vecFrames = TEST_EncodeH264(64, 64, CLIP_FPS);
+        const std::string strName = "2024-03-01-08-20-00.To.2024-03-01-08-20-06.ts";
+        AVFormatContext *pContext = nullptr;
+        EXPECT_GE(avformat_alloc_output_context2(&pContext, nullptr, "mpegts", nullptr), 0);
+        AVStream *pStream = avformat_new_stream(pContext, nullptr);
+        pStream->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
+        pStream->codecpar->codec_id = AV_CODEC_ID_H264;
+        EXPECT_GE(avio_open(&pContext->pb, (m_strRec + "/" + strName).c_str(), AVIO_FLAG_WRITE), 0);
+        EXPECT_GE(avformat_write_header(pContext, nullptr), 0); // makes ticks of 1/90000 s
+        AVPacket *pPacket = av_packet_alloc();
+        for (uint32_t u = 0; u < CLIP_FRAMES; u++)
+        {
+            const TEST_FRAME_S &stFrame = vecFrames[u % vecFrames.size()];
+            pPacket->data = const_cast<uint8_t *>(stFrame.vecData.data());
+            pPacket->size = static_cast<int>(stFrame.vecData.size());
+            pPacket->pts = 90000 * 20 + 45000 + int64_t{u} * 90000 / CLIP_FPS;
+            pPacket->dts = pPacket->pts;
+            pPacket->flags = stFrame.bKey ? AV_PKT_FLAG_KEY : 0;
+            EXPECT_GE(av_write_frame(pContext, pPacket), 0);
+        }
+        EXPECT_GE(av_write_trailer(pContext), 0);
+        av_packet_free(&pPacket);
+        avio_closep(&pContext->pb);
+        avformat_free_context(pContext);
         return strName;
     }
 
@@ -117,9 +153,10 @@ TEST_F(Player, PlaysAtItsOwnPace)
 
 TEST_F(Player, SeeksInSecondsFromTheFirstPicture)
 {
-    for (const QN_FILE_FMT_E enFormat : {QN_FILE_FMT_E_MKV, QN_FILE_FMT_E_TS, QN_FILE_FMT_E_MP4})
+    for (const std::string &strName :
+         {AddClip(QN_CODEC_H264, QN_FILE_FMT_E_MKV), AddClip(QN_CODEC_H264, QN_FILE_FMT_E_TS),
+          AddClip(QN_CODEC_H264, QN_FILE_FMT_E_MP4), AddLateClip()})
     {
-        const std::string strName = AddClip(QN_CODEC_H264, enFormat);
         SCOPED_TRACE(strName);
         const TOOL_RESULT_S stResult = Play({"play", strName, "--fast", "--seek", "3"});
         EXPECT_EQ(0, stResult.s32Status) << stResult.strErr;
