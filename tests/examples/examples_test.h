@@ -45,9 +45,9 @@ protected:
     /// Names of a folder's finished recordings with a tag, sorted; all with an empty one.
     static std::vector<std::string> Finished(const std::string &strFolder, const std::string &strTag = "");
 
-    /// A media file is whole: begins with a key frame, has one frame after the other without a gap, and all of them
-    /// decode. The number of its frames.
-    static int32_t ExpectWhole(const std::string &strPath);
+    /// A media file is whole: begins with a key frame, has one frame after the other without a gap (unless the recorder
+    /// has said that it lost some), and all of them decode. The number of its frames.
+    static int32_t ExpectWhole(const std::string &strPath, bool bSomeLost = false);
 
     TEMP_DIR m_dir;
 };
