@@ -114,6 +114,17 @@ TEST_F(Simulator, PulledWithAFileOpenTheDeviceGoesWithItsLastUser)
     EXPECT_TRUE(card.In());
 }
 
+TEST_F(Simulator, MountsAreSeenByThisProgramAlone)
+{
+    CARD card;
+    ASSERT_TRUE(card.In());
+    ASSERT_TRUE(MountIt(card));
+    EXPECT_NE(std::string::npos, TEST_ReadFile("/proc/self/mounts").find(card.MountDir()));
+    const std::string strOthers = TEST_ReadFile("/proc/" + std::to_string(getppid()) + "/mounts");
+    EXPECT_NE("", strOthers);
+    EXPECT_EQ(std::string::npos, strOthers.find(card.MountDir()));
+}
+
 TEST_F(Simulator, ServedCardFailsForGoodWhenItsServerIsKilled)
 {
     CARD card(Served());

@@ -11,23 +11,37 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <sched.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "loop.h"
 
-static const std::string FOLDER = "/tmp";
-static const std::string PREFIX = "quarrin-card-";
+static constexpr const char *FOLDER = "/tmp";
+static constexpr const char *PREFIX = "quarrin-card-";
+static constexpr const char *CARDS = "/tmp/quarrin-card-";
 static const std::string NOTE = "/number";
 constexpr int32_t REMOVE_TRIES = 200;
 constexpr useconds_t REMOVE_PAUSE_US = 10000;
 
+// What is mounted here is seen here alone. Whoever makes a mount namespace, as every container does, takes a copy of all
+// mounts that he sees; a file system lives as long as one of its mounts, and a card that was cut and is mounted again
+// would be the dead one still. Copies that came along of other programs' cards are taken off for the same reason.
+__attribute__((constructor)) static void HideMounts()
+{
+    if (geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)
+    {
+        LOOP_UnmountAll(CARDS);
+    }
+}
+
 int GUARD_MakeDir(std::string &strDir)
 {
     // Under another name until the note is locked: a note without a lock would be taken for a dead program's.
-    std::string strNew = FOLDER + "/quarrin-newcard-XXXXXX";
+    std::string strNew = std::string(FOLDER) + "/quarrin-newcard-XXXXXX";
     if (mkdtemp(&strNew[0]) == nullptr)
     {
         return -1;
@@ -37,7 +51,7 @@ int GUARD_MakeDir(std::string &strDir)
     {
         return -1;
     }
-    strDir = FOLDER + "/" + PREFIX + strNew.substr(strNew.size() - 6);
+    strDir = CARDS + strNew.substr(strNew.size() - 6);
     return rename(strNew.c_str(), strDir.c_str()) == 0 ? s32Note : -1;
 }
 

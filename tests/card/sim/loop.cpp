@@ -201,6 +201,18 @@ void LOOP_Unmount(int32_t s32Number, const std::string &strBelow)
     }
 }
 
+void LOOP_UnmountAll(const char *pszBegin)
+{
+    const std::vector<LOOP_MOUNT_S> vecMounts = Mounts();
+    for (auto it = vecMounts.rbegin(); it != vecMounts.rend(); ++it)
+    {
+        if (it->strTarget.rfind(pszBegin, 0) == 0)
+        {
+            (void)umount2(it->strTarget.c_str(), MNT_DETACH); // gone already, otherwise
+        }
+    }
+}
+
 bool LOOP_IsMounted(int32_t s32Number, std::string &strWhere)
 {
     for (const LOOP_MOUNT_S &stMount : Mounts())

@@ -36,6 +36,9 @@ void LOOP_AddPartition(int32_t s32Number);
 /// Detaches all mounts of the device and of its first partition, and all mounts below a directory. Open files live on.
 void LOOP_Unmount(int32_t s32Number, const std::string &strBelow);
 
+/// Detaches all mounts whose paths begin so.
+void LOOP_UnmountAll(const char *pszBegin);
+
 /// The device or its first partition is mounted; strWhere is the first place then.
 bool LOOP_IsMounted(int32_t s32Number, std::string &strWhere);
 
