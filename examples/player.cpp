@@ -160,21 +160,6 @@ static bool WaitForTurn(Playing &playing, uint64_t pts)
     return true;
 }
 
-// Copies a frame that is out, in the shape that decoders want: Matroska and MP4 have lengths instead of start codes. False
-// when the card was pulled: the library takes the reader and its frame away then, on a thread of its own and at any
-// moment, so the bytes are safe under the replay's mutex alone, and as long as there is a reader.
-static bool CopyFrame(tagQN_REPLAY_HANDLER_S *replay, const uint8_t *data, uint32_t size, std::vector<uint8_t> &frame)
-{
-    pthread_mutex_lock(&replay->mutexReplay);
-    const bool isThere = replay->pReader != nullptr;
-    if (isThere)
-    {
-        frame = ToAnnexB(data, size);
-    }
-    pthread_mutex_unlock(&replay->mutexReplay);
-    return isThere;
-}
-
 // False: there is to be no further frame.
 static bool Give(Playing &playing, const Options &options, const std::vector<uint8_t> &frame, uint64_t pts)
 {
@@ -211,7 +196,6 @@ static void PlayFrames(Playing &playing, const Options &options)
     uint64_t pts = 0;
     bool key = false;
     bool video = false;
-    std::vector<uint8_t> frame;
     bool hasBegun = false; // a decoder can do nothing with what is before the first key frame
     bool goesOn = true;
     uint32_t result = 0;
@@ -219,9 +203,10 @@ static void PlayFrames(Playing &playing, const Options &options)
     {
         hasBegun = hasBegun || (video && key);
         const bool isWanted = video && hasBegun && (key || !options.keys);
-        const bool isCopied = isWanted && CopyFrame(playing.replay, data, size, frame);
+        // Decoders want start codes: Matroska and MP4 have lengths in their place. A frame that is out when the card is
+        // pulled stays readable until the replay is closed.
+        goesOn = !isWanted || Give(playing, options, ToAnnexB(data, size), pts);
         (void)QN_ReplayFreeFrame(playing.replay, data); // before the next one, whether it was wanted or not
-        goesOn = !isCopied || Give(playing, options, frame, pts);
     }
     if (result == RESULT_UNREADABLE)
     {

@@ -72,6 +72,8 @@ QN_API uint32_t QN_ReplayReadMetadata(tagQN_REPLAY_HANDLER_S *pReplayHandler, ta
 
 /// Reads the next frame; free it before the next one is read. Outputs as of FFMUXER_ReadGetFrame.
 ///
+/// A card that is pulled closes the reader at any moment; a frame that is out then stays readable until QN_ReplayClose.
+///
 /// \return 0 done; 1 pReplayHandler is null, or a frame is still out; 8 no open reader, or a read error; 9 end of
 ///         file; 10 out of memory.
 ///

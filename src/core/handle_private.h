@@ -10,6 +10,7 @@
 #include <memory>
 #include <pthread.h>
 #include <string>
+#include <utility>
 
 #include "libquarrin/handle.h"
 #include "libquarrin/record.h"
@@ -36,6 +37,8 @@ struct tagQN_HANDLER_PRIVATE_S
     pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a file was finished, or a command has ended
     std::list<std::string> lstWriting;                              ///< paths of files in progress
     std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
+    /// Frames that were out when their replay lost its reader: the host may be reading them.
+    std::list<std::pair<const tagQN_REPLAY_HANDLER_S *, std::shared_ptr<void>>> lstFramesOut;
     uint32_t u32Commands = 0; ///< commands of ours that run below the mount point; they begin through the card gate
 
     // Guarded by mutexEvent

@@ -3,11 +3,14 @@
 
 #include "libquarrin/events.h"
 
+#include <utility>
+
 #include "core/handle_private.h"
 #include "core/storage_state.h"
 #include "libquarrin/quota.h"
 #include "libquarrin/replay.h"
 #include "libquarrin/storage.h"
+#include "media/frame_out.h"
 #include "record/split_files.h"
 #include "storage/card_commands.h"
 #include "util/lock.h"
@@ -67,6 +70,20 @@ static void StopSessions(tagQN_HANDLER_S *pHandle)
     }
 }
 
+// A frame that the host has out stays where it is until the host closes the replay: nothing has told the host yet.
+static void KeepFrameOut(tagQN_HANDLER_S *pHandle, const tagQN_REPLAY_HANDLER_S *pReplay)
+{
+    if (pReplay->pstMediaApi->pfnReadClose != FFMUXER_ReadClose)
+    {
+        return; // a back end of the host's: its frames are its own business
+    }
+    if (std::shared_ptr<void> spFrame = FFREAD_TakeFrame(pReplay->pReader))
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
+        pHandle->pstPrivate->lstFramesOut.emplace_back(pReplay, std::move(spFrame));
+    }
+}
+
 static void CloseReaders(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
@@ -75,6 +92,7 @@ static void CloseReaders(tagQN_HANDLER_S *pHandle)
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplay->mutexReplay);
         if (pReplay->pReader != nullptr && pReplay->pstMediaApi->pfnReadClose != nullptr)
         {
+            KeepFrameOut(pHandle, pReplay);
             (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader); // the card is gone
         }
         pReplay->pReader = nullptr;

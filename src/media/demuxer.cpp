@@ -1,6 +1,7 @@
 // The FFmpeg reader: packets of one media file, one at a time, with seeks and the parameters of its streams.
 // Threads: any; calls on one reader are serialised by the caller. Locks: none.
-// Invariant: at most one packet is out; its bytes are valid until it is released, or until a seek or the close.
+// Invariant: at most one packet is out; its bytes are valid until it is released, or until a seek or the close, unless it
+// was taken away before.
 
 #include "media/demuxer.h"
 
@@ -12,6 +13,7 @@ extern "C"
 }
 
 #include "media/error_text.h"
+#include "media/frame_out.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -247,6 +249,18 @@ int32_t FFMUXER_ReadSeek(void *pReader, uint32_t u32Seconds)
     const int s32Ret = av_seek_frame(pHandler->pFormatCtx, -1, s64Time, AVSEEK_FLAG_BACKWARD);
     (void)avformat_flush(pHandler->pFormatCtx); // has no failure; what was read ahead belongs to the old position
     return s32Ret;
+}
+
+std::shared_ptr<void> FFREAD_TakeFrame(void *pReader)
+{
+    tagFFREAD_HANDLER_S *pHandler = static_cast<tagFFREAD_HANDLER_S *>(pReader);
+    AVPacket *pPacket = pHandler->pPacket;
+    pHandler->pPacket = nullptr;
+    if (pPacket == nullptr)
+    {
+        return nullptr;
+    }
+    return std::shared_ptr<AVPacket>(pPacket, [](AVPacket *pOwned) { av_packet_free(&pOwned); });
 }
 
 int32_t FFMUXER_ReadClose(void *pReader)

@@ -266,6 +266,14 @@ static void CloseReader(tagQN_REPLAY_HANDLER_S *pReplayHandler)
     pReplayHandler->pReader = nullptr;
 }
 
+// Frees what an unplug has left to the host.
+static void FreeFrameOut(const tagQN_REPLAY_HANDLER_S *pReplayHandler)
+{
+    tagQN_HANDLER_PRIVATE_S *pPrivate = pReplayHandler->pHandle->pstPrivate;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
+    pPrivate->lstFramesOut.remove_if([pReplayHandler](const auto &entry) { return entry.first == pReplayHandler; });
+}
+
 int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemove)
 {
     if (pReplayHandler == nullptr)
@@ -279,6 +287,7 @@ int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemo
         (void)puts("pReplayHandler remove");
         pReplayHandler->pHandle->lstReplay.remove(pReplayHandler);
     }
+    FreeFrameOut(pReplayHandler);
     delete pReplayHandler;
     QN_TRACE("delete pReplayHandler\n");
     pReplayHandler = nullptr;

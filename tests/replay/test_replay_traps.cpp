@@ -3,7 +3,9 @@
 #include "replay_fixture.h"
 
 #include <atomic>
+#include <cstring>
 #include <random>
+#include <vector>
 
 #include "support/process.h"
 
@@ -52,6 +54,34 @@ TEST_F(ReplayTraps, AnUnplugClosesTheReaderAndKeepsTheReplay)
     EXPECT_EQ(0, QN_ReplayClose(pReplay));
     EXPECT_TRUE(m_pHandle->lstReplay.empty());
     FAKE_PLATFORM_OnCommand(nullptr);
+}
+
+// The host learns of the pull with its next call; until then it may be decoding the frame.
+TEST_F(ReplayTraps, AnUnplugLeavesTheFrameThatIsOutUntilTheReplayIsClosed)
+{
+    tagQN_REPLAY_HANDLER_S *apReplay[2] = {Open(Clip()), Open(Clip())};
+    uint8_t *apu8Data[2] = {};
+    std::vector<uint8_t> avecCopy[2];
+    for (int32_t i = 0; i < 2; ++i)
+    {
+        uint32_t u32Size = 0;
+        uint64_t u64Pts = 0;
+        bool bKey = false;
+        bool bVideo = false;
+        ASSERT_EQ(0u, QN_ReplayReadFrame(apReplay[i], &apu8Data[i], &u32Size, &u64Pts, &bKey, &bVideo));
+        avecCopy[i].assign(apu8Data[i], apu8Data[i] + u32Size);
+        ASSERT_LT(0u, u32Size);
+    }
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+    EXPECT_EQ(8u, QN_ReplayFreeFrame(apReplay[0], apu8Data[0]));
+    for (int32_t i = 0; i < 2; ++i)
+    {
+        EXPECT_EQ(nullptr, apReplay[i]->pReader);
+        EXPECT_EQ(0, memcmp(apu8Data[i], avecCopy[i].data(), avecCopy[i].size()));
+    }
+    EXPECT_EQ(0, QN_ReplayClose(apReplay[0]));
+    EXPECT_EQ(0, memcmp(apu8Data[1], avecCopy[1].data(), avecCopy[1].size()));
+    EXPECT_EQ(0u, QN_Destroy(m_pHandle)); // closes the other one
 }
 
 TEST_F(ReplayTraps, AnUnplugOfATableWithoutTheCloseSlotIsHarmless)
