@@ -70,14 +70,15 @@ static void StopSessions(tagQN_HANDLER_S *pHandle)
     }
 }
 
-// A frame that the host has out stays where it is until the host closes the replay: nothing has told the host yet.
-static void KeepFrameOut(tagQN_HANDLER_S *pHandle, const tagQN_REPLAY_HANDLER_S *pReplay)
+// Closes a reader. A frame that the host has out stays where it is until the host closes the replay: nothing has told the
+// host yet.
+static void CloseKeepingFrame(tagQN_HANDLER_S *pHandle, const tagQN_REPLAY_HANDLER_S *pReplay)
 {
-    if (pReplay->pstMediaApi->pfnReadClose != FFMUXER_ReadClose)
-    {
-        return; // a back end of the host's: its frames are its own business
-    }
-    if (std::shared_ptr<void> spFrame = FFREAD_TakeFrame(pReplay->pReader))
+    std::shared_ptr<void> spFrame; // stays empty when the reader is a host's own: its frames are its business
+    FFREAD_KeepFrameOut(&spFrame);
+    (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader); // the card is gone
+    FFREAD_KeepFrameOut(nullptr);
+    if (spFrame != nullptr)
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
         pHandle->pstPrivate->lstFramesOut.emplace_back(pReplay, std::move(spFrame));
@@ -92,8 +93,7 @@ static void CloseReaders(tagQN_HANDLER_S *pHandle)
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplay->mutexReplay);
         if (pReplay->pReader != nullptr && pReplay->pstMediaApi->pfnReadClose != nullptr)
         {
-            KeepFrameOut(pHandle, pReplay);
-            (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader); // the card is gone
+            CloseKeepingFrame(pHandle, pReplay);
         }
         pReplay->pReader = nullptr;
     }

@@ -1,7 +1,7 @@
 // The FFmpeg reader: packets of one media file, one at a time, with seeks and the parameters of its streams.
 // Threads: any; calls on one reader are serialised by the caller. Locks: none.
-// Invariant: at most one packet is out; its bytes are valid until it is released, or until a seek or the close, unless it
-// was taken away before.
+// Invariant: at most one packet is out; its bytes are valid until it is released, or until a seek or the close, unless
+// somebody keeps it.
 
 #include "media/demuxer.h"
 
@@ -251,16 +251,12 @@ int32_t FFMUXER_ReadSeek(void *pReader, uint32_t u32Seconds)
     return s32Ret;
 }
 
-std::shared_ptr<void> FFREAD_TakeFrame(void *pReader)
+// Where FFMUXER_ReadClose of this thread leaves the frame that is out; null: nowhere, it is freed.
+static thread_local std::shared_ptr<void> *g_pspKeep = nullptr;
+
+void FFREAD_KeepFrameOut(std::shared_ptr<void> *pspFrame)
 {
-    tagFFREAD_HANDLER_S *pHandler = static_cast<tagFFREAD_HANDLER_S *>(pReader);
-    AVPacket *pPacket = pHandler->pPacket;
-    pHandler->pPacket = nullptr;
-    if (pPacket == nullptr)
-    {
-        return nullptr;
-    }
-    return std::shared_ptr<AVPacket>(pPacket, [](AVPacket *pOwned) { av_packet_free(&pOwned); });
+    g_pspKeep = pspFrame;
 }
 
 int32_t FFMUXER_ReadClose(void *pReader)
@@ -269,7 +265,13 @@ int32_t FFMUXER_ReadClose(void *pReader)
     {
         return -1;
     }
-    FreeReader(static_cast<tagFFREAD_HANDLER_S *>(pReader));
+    tagFFREAD_HANDLER_S *pHandler = static_cast<tagFFREAD_HANDLER_S *>(pReader);
+    if (g_pspKeep != nullptr && pHandler->pPacket != nullptr)
+    {
+        g_pspKeep->reset(pHandler->pPacket, [](AVPacket *pOwned) { av_packet_free(&pOwned); });
+        pHandler->pPacket = nullptr;
+    }
+    FreeReader(pHandler);
     return 0;
 }
 

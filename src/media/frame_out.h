@@ -1,5 +1,5 @@
 // The frame that a reader has handed out, apart from its reader.
-// Threads: any, serialised by the caller. Locks: none.
+// Threads: any; each settles it for itself. Locks: none.
 #ifndef QUARRIN_MEDIA_FRAME_OUT_H
 #define QUARRIN_MEDIA_FRAME_OUT_H
 
@@ -8,10 +8,11 @@
 namespace libquarrin
 {
 
-/// Takes the frame that is out away from a reader of FFMUXER_ReadOpen, so that closing the reader leaves it alone.
+/// From now on FFMUXER_ReadClose, on this thread, hands over the frame that is out instead of freeing it. It is called
+/// through a table, which may be a host's with the library's function behind it, or without.
 ///
-/// \return owns the frame's bytes; null when no frame is out.
-std::shared_ptr<void> FFREAD_TakeFrame(void *pReader);
+/// \param pspFrame  [out] owns the frame's bytes, until it is told otherwise; null: frames are freed again.
+void FFREAD_KeepFrameOut(std::shared_ptr<void> *pspFrame);
 
 } // namespace libquarrin
 

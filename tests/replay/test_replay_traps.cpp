@@ -84,6 +84,59 @@ TEST_F(ReplayTraps, AnUnplugLeavesTheFrameThatIsOutUntilTheReplayIsClosed)
     EXPECT_EQ(0u, QN_Destroy(m_pHandle)); // closes the other one
 }
 
+static int32_t CloseByWayOfTheHost(void *pReader)
+{
+    return FFMUXER_ReadClose(pReader);
+}
+
+TEST_F(ReplayTraps, AnUnplugLeavesTheFrameThatIsOutBehindATableOfTheHostToo)
+{
+    tagQN_MEDIA_API_S stApi = qn_media_api_ffmpeg;
+    stApi.pfnReadClose = CloseByWayOfTheHost;
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    pReplay->pstMediaApi = &stApi;
+    uint8_t *pu8Data = nullptr;
+    uint32_t u32Size = 0;
+    uint64_t u64Pts = 0;
+    bool bKey = false;
+    bool bVideo = false;
+    ASSERT_EQ(0u, QN_ReplayReadFrame(pReplay, &pu8Data, &u32Size, &u64Pts, &bKey, &bVideo));
+    const std::vector<uint8_t> vecCopy(pu8Data, pu8Data + u32Size);
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+    EXPECT_EQ(0, memcmp(pu8Data, vecCopy.data(), vecCopy.size()));
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
+}
+
+/// A reader of a host's own: nothing in it is a frame of the library's.
+struct OWN_READER_S
+{
+    uint64_t au64Words[8];
+};
+
+static int32_t CloseOwn(void *pReader)
+{
+    for (const uint64_t u64Word : static_cast<OWN_READER_S *>(pReader)->au64Words)
+    {
+        EXPECT_EQ(~uint64_t{0}, u64Word);
+    }
+    return 0;
+}
+
+TEST_F(ReplayTraps, AnUnplugLooksIntoNoReaderOfTheHost)
+{
+    OWN_READER_S stReader;
+    memset(&stReader, 0xff, sizeof(stReader));
+    tagQN_MEDIA_API_S stApi = {};
+    stApi.pfnReadClose = CloseOwn;
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    FFMUXER_ReadClose(pReplay->pReader);
+    pReplay->pstMediaApi = &stApi;
+    pReplay->pReader = &stReader;
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+    EXPECT_EQ(nullptr, pReplay->pReader);
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
+}
+
 TEST_F(ReplayTraps, AnUnplugOfATableWithoutTheCloseSlotIsHarmless)
 {
     tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
