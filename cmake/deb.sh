@@ -25,7 +25,7 @@ build()
     (cd "$out/work/quarrin" && find . -type f -exec cksum '{}' + | sort | cksum) >"$out/sources.cksum"
     # Nothing of the caller's environment gets into the packages.
     # shellcheck disable=SC2086 # options or none
-    if ! (cd "$out/work/quarrin" && env -i PATH="$PATH" HOME="$HOME" LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="parallel=$jobs" \
+    if ! (cd "$out/work/quarrin" && env -i PATH="$PATH" HOME="${HOME:-/}" LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="parallel=$jobs" \
         ${tree:+QUARRIN_TREE="$tree"} dpkg-buildpackage ${machine:+-a$machine -d} -b -us -uc) \
         >"$out/build.log" 2>&1 </dev/null; then
         tail -n 60 "$out/build.log" >&2

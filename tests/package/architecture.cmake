@@ -68,6 +68,20 @@ answers(refused "(built for 64-bit x86_64; this project is for 64-bit aarch64)" 
 answers(refused "(built for 64-bit x86_64; this project is for 64-bit aarch64)" 8 x86_64 TRIPLET aarch64-linux-gnu)
 answers(refused "(built for 64-bit x86_64; this project is for 64-bit aarch64)" 8 my-own-board CROSS TRIPLET aarch64-linux-gnu)
 answers(refused "(built for 64-bit x86_64; this project is for 64-bit riscv64)" 8 riscv64 CROSS)
+answers(refused "(built for 64-bit x86_64; this project is for 32-bit x32)" 4 x86_64 TRIPLET x86_64-linux-gnux32)
+
+package(8 aarch64 "")
+answers(taken "1.0.0" 8 arm CROSS TRIPLET aarch64-linux-gnu)
+answers(taken "1.0.0" 8 arm64 CROSS)
+answers(refused "(built for 64-bit aarch64; this project is for 32-bit arm)" 4 arm CROSS)
+
+package(8 ppc64le "")
+answers(taken "1.0.0" 8 powerpc64le TRIPLET powerpc64le-linux-gnu)
+answers(taken "1.0.0" 8 ppc64le CROSS)
+
+package(4 x86 "")
+answers(taken "1.0.0" 4 i686)
+answers(refused "(built for 32-bit x86; this project is for 32-bit x32)" 4 x86_64 TRIPLET x86_64-linux-gnux32)
 
 package(4 arm hard)
 foreach(spelling IN ITEMS arm ARM armv7l armv7-a armv7hl armhf armv6l armv8l aarch64 arm64 cortex-a9 "")

@@ -46,7 +46,10 @@ rm -rf "$place/complete" "$root" "$work"
 eval "$(apt-config shell http_proxy Acquire::http::Proxy https_proxy Acquire::https::Proxy)"
 [ -z "${http_proxy-}" ] || export http_proxy
 [ -z "${https_proxy-}" ] || export https_proxy
-if ! debootstrap --variant=minbase "$release" "$work" "$mirror"; then
+# It mounts within the root: where there can be, in a view of its own, which ends with it.
+apart=
+! unshare --mount true 2>/dev/null || apart="unshare --mount"
+if ! $apart debootstrap --variant=minbase "$release" "$work" "$mirror"; then
     # Another tool for the same: it fetches by apt itself, so that whatever apt reaches can be had.
     echo "clean_root.sh: debootstrap did not succeed, trying mmdebstrap" >&2
     rm -rf "$work"

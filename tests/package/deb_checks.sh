@@ -80,7 +80,8 @@ video_frames()
 }
 
 # recorded STORAGE LEAST: one finished recording with the README's comment and every picture of the clip $clips/rec/$clip,
-# which has at least so many; a busy machine gives fewer than there is time for.
+# which has at least so many: a busy machine gives fewer than there is time for, and with 40 ms for each the host's file
+# has to be longer than the five seconds below which it is removed.
 recorded()
 {
     tool list --storage "$1" --json >"$place/list.json" || return 1

@@ -118,6 +118,7 @@ check "a clean root is there (after $(($(date +%s) - began)) s)" [ "$status" -eq
 
 rm -rf "$root"
 trap 'rm -rf "$root"' EXIT
+trap 'exit 1' HUP INT TERM
 cp -a "$place/root" "$root" || { check "the clean root can be copied" false; leave 0; }
 mkdir -p "$root$inside/packages" "$place/archives"
 for name in $names; do
@@ -158,15 +159,15 @@ check "the README's CMake lines compile the host" work_in_root \
     'cmake -S cmake -B built && cmake --build built && cp built/host host-cmake'
 check "the one takes the library from the package" links_the_package host
 check "so does the other" links_the_package host-cmake
-check "the tool records a clip" work_in_root 'quarrin record test --format ts --duration 8 --storage clips'
+check "the tool records a clip" work_in_root 'quarrin record test --format ts --duration 10 --storage clips'
 path=$(find "$root$inside/clips/rec" -name '*.ts')
 clips=$inside/clips
 clip=$(basename "$path")
 check "the clip is one file" [ -f "$path" ]
 check "both hosts record it again" work_in_root "mkdir one two && { ./host /dev/null $inside/one clips/rec/$clip & } &&
     ./host-cmake /dev/null $inside/two clips/rec/$clip && wait \$!"
-check "the recording of the first has every picture" recorded "$inside/one" 100
-check "so has the recording of the second" recorded "$inside/two" 100
+check "the recording of the first has every picture" recorded "$inside/one" 150
+check "so has the recording of the second" recorded "$inside/two" 150
 
 # shellcheck disable=SC2086 # a list of words
 check "apt purges them" in_root "$root" apt-get -qy purge $names

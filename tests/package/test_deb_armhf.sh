@@ -89,7 +89,7 @@ compiles_with_pkg_config()
 
 records_a_clip()
 {
-    tool record test --format ts --duration 10 --storage "$clips"
+    tool record test --format ts --duration 15 --storage "$clips"
 }
 
 # plays HOST STORAGE: the host records the clip again.
@@ -114,8 +114,8 @@ clips=$place/clips
 check "the tool records a clip" records_a_clip
 clip=$(basename "$(find "$clips/rec" -name '*.ts')")
 check "the first host records it again" plays "$place/cmake/built/host" "$place/one"
-check "with every picture" recorded "$place/one" 10
+check "with every picture" recorded "$place/one" 130
 check "the second host records it again" plays "$place/cmake/host" "$place/two"
-check "with every picture" recorded "$place/two" 10
+check "with every picture" recorded "$place/two" 130
 rm -rf "$here"
 leave 0

@@ -12,6 +12,7 @@ rest=${version#*.}
 minor=${rest%%.*}
 work=$(mktemp -d /tmp/quarrin-find-XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
+trap 'exit 1' HUP INT TERM
 failures=0
 
 report()

@@ -17,6 +17,7 @@ link=${sysroot:+--sysroot=$sysroot -Wl,-rpath-link,$sysroot/usr/lib/$machine -Wl
 version=$(sed -n 's/^project(quarrin VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
 work=$(mktemp -d /tmp/quarrin-package-XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
+trap 'exit 1' HUP INT TERM
 failures=0
 
 # check SENTENCE COMMAND...: runs the command, shows its output only when it fails.
@@ -105,7 +106,7 @@ says_version()
 
 no_path_of_the_build()
 {
-    ! grep -rnF -e "$source" -e "$build" "$prefix/include" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig"
+    ! grep -rnF -e "$source/" -e "$build/" "$prefix/include" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig"
 }
 
 # The file of a library that the library names as needed.

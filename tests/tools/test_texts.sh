@@ -9,6 +9,7 @@ completion=$3/tools/completion
 here=$3/tests/tools
 work=$(mktemp -d /tmp/quarrin-texts-XXXXXX) || exit 1
 trap 'rm -rf "$work"' EXIT
+trap 'exit 1' HUP INT TERM
 failures=0
 
 # same SENTENCE: $work/wanted and $work/got have the same lines, and some.
