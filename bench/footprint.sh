@@ -14,8 +14,11 @@ here=$(cd "$(dirname "$0")" && pwd)
 budgets=$here/budgets.txt
 document=$here/../docs/footprint.md
 
+# A listing holds paths: the folder has to be equally long everywhere.
+unset TMPDIR
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
+trap 'exit 1' HUP INT TERM
 
 measure()
 {
