@@ -62,7 +62,6 @@ readme_host()
 
 readme_cmake()
 {
-    printf 'cmake_minimum_required(VERSION 3.18)\nproject(host CXX)\n'
     awk '/^```cmake$/ { on = 1; next } /^```$/ { on = 0 } on' "$source/README.md"
 }
 
