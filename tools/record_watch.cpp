@@ -35,6 +35,7 @@ void TOOL_WATCH_NoteFile(tagTOOL_WATCH_S &stWatch)
     if (stWatch.vecPaths.empty() || stWatch.vecPaths.back() != stWatch.pSession->strFilePath)
     {
         stWatch.vecPaths.push_back(stWatch.pSession->strFilePath);
+        stWatch.s64Bytes = 0; // the next look counts those of this file
     }
     pthread_mutex_unlock(&stWatch.pSession->stMutex);
 }
