@@ -7,9 +7,30 @@
 #include <random>
 #include <vector>
 
+#include <dlfcn.h>
+
+extern "C"
+{
+#include <libavcodec/packet.h>
+}
+
 #include "support/process.h"
 
 using namespace libquarrin;
+
+static std::atomic<const uint8_t *> s_pu8Watched{nullptr}; // bytes of a frame
+static std::atomic<int32_t> s_s32Freed{0};                 // how often they were freed
+
+extern "C" void av_packet_free(AVPacket **ppPacket)
+{
+    static const auto s_pfnReal = reinterpret_cast<void (*)(AVPacket **)>(dlsym(RTLD_NEXT, "av_packet_free"));
+    if (ppPacket != nullptr && *ppPacket != nullptr && (*ppPacket)->data != nullptr &&
+        (*ppPacket)->data == s_pu8Watched)
+    {
+        s_s32Freed += 1;
+    }
+    s_pfnReal(ppPacket);
+}
 
 class ReplayTraps : public REPLAY_TEST
 {
@@ -72,14 +93,19 @@ TEST_F(ReplayTraps, AnUnplugLeavesTheFrameThatIsOutUntilTheReplayIsClosed)
         avecCopy[i].assign(apu8Data[i], apu8Data[i] + u32Size);
         ASSERT_LT(0u, u32Size);
     }
+    s_pu8Watched = apu8Data[0];
+    s_s32Freed = 0;
     EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
     EXPECT_EQ(8u, QN_ReplayFreeFrame(apReplay[0], apu8Data[0]));
+    EXPECT_EQ(0, s_s32Freed);
     for (int32_t i = 0; i < 2; ++i)
     {
         EXPECT_EQ(nullptr, apReplay[i]->pReader);
         EXPECT_EQ(0, memcmp(apu8Data[i], avecCopy[i].data(), avecCopy[i].size()));
     }
     EXPECT_EQ(0, QN_ReplayClose(apReplay[0]));
+    EXPECT_EQ(1, s_s32Freed);
+    s_pu8Watched = nullptr;
     EXPECT_EQ(0, memcmp(apu8Data[1], avecCopy[1].data(), avecCopy[1].size()));
     EXPECT_EQ(0u, QN_Destroy(m_pHandle)); // closes the other one
 }
