@@ -152,14 +152,14 @@ bool CARD_RIG::WaitListening() const
     return TEST_WaitFor([this] { return __atomic_load_n(&pHandle->s32NetlinkFd, __ATOMIC_SEQ_CST) >= 0; }, RIG_WAIT_MS);
 }
 
-bool CARD_RIG::WaitIdle() const
+// Events are handled in order: once the second of two that do nothing is taken, all before them are done.
+static bool WaitForEvents(tagQN_HANDLER_S *pHandle)
 {
-    // Events are handled in order: once the second of two that do nothing is taken, all before them are done.
     constexpr QN_EVENT_E NOTHING = static_cast<QN_EVENT_E>(5);
     QN_EVENT_PushEvent(pHandle, NOTHING, nullptr);
     QN_EVENT_PushEvent(pHandle, NOTHING, nullptr);
     return TEST_WaitFor(
-        [this]
+        [pHandle]
         {
             pthread_mutex_lock(&pHandle->mutexEvent);
             const bool bEmpty = pHandle->u32EventCount == 0;
@@ -167,6 +167,13 @@ bool CARD_RIG::WaitIdle() const
             return bEmpty;
         },
         RIG_WAIT_MS);
+}
+
+bool CARD_RIG::WaitIdle() const
+{
+    // A handler sets the state before it posts that the mount is done: that event may stand behind the first two. The
+    // second round stands behind it, and the folders are there at its end.
+    return WaitForEvents(pHandle) && WaitForEvents(pHandle);
 }
 
 std::string CARD_RIG::Folder() const

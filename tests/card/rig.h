@@ -52,8 +52,10 @@ public:
     libquarrin::QN_STATE_E State() const;
     bool WaitFor(libquarrin::QN_STATE_E enState, int32_t s32Ms = RIG_WAIT_MS) const;
 
-    /// Waits until the monitor listens and every event is handled.
+    /// Waits until the monitor listens.
     bool WaitListening() const;
+
+    /// Waits until every event is handled, and what its handler posted: after a mount the folders are there.
     bool WaitIdle() const;
 
     /// Folder of volume 0.

@@ -53,8 +53,7 @@ void CORE_TEST::TearDown()
 
 bool CORE_TEST::Settle()
 {
-    // The second round is behind what the handlers of the first posted.
-    return WaitForIdle(30000) && WaitForIdle(30000);
+    return WaitForIdle(30000);
 }
 
 void CORE_TEST::InitUnplugged()

@@ -118,19 +118,25 @@ bool CARD_TEST::WaitForState(QN_STATE_E enState, int32_t s32Ms)
     return TEST_WaitFor([this, enState] { return m_pHandle->enState.load() == enState; }, s32Ms);
 }
 
-bool CARD_TEST::WaitForIdle(int32_t s32Ms)
+// Events are handled in order: once an event that does nothing has been taken, all before it are done.
+static bool WaitForEvents(tagQN_HANDLER_S *pHandle, int32_t s32Ms)
 {
-    // Events are handled in order: once an event that does nothing has been taken, all before it are done.
     auto spMark = std::make_shared<int>(0);
-    QN_EVENT_PushEvent(m_pHandle, static_cast<QN_EVENT_E>(5), spMark);
-    QN_EVENT_PushEvent(m_pHandle, static_cast<QN_EVENT_E>(5), nullptr);
+    QN_EVENT_PushEvent(pHandle, static_cast<QN_EVENT_E>(5), spMark);
+    QN_EVENT_PushEvent(pHandle, static_cast<QN_EVENT_E>(5), nullptr);
     return TEST_WaitFor(
-        [this]
+        [pHandle]
         {
-            pthread_mutex_lock(&m_pHandle->mutexEvent);
-            const bool bEmpty = m_pHandle->u32EventCount == 0;
-            pthread_mutex_unlock(&m_pHandle->mutexEvent);
+            pthread_mutex_lock(&pHandle->mutexEvent);
+            const bool bEmpty = pHandle->u32EventCount == 0;
+            pthread_mutex_unlock(&pHandle->mutexEvent);
             return bEmpty;
         },
         s32Ms);
+}
+
+bool CARD_TEST::WaitForIdle(int32_t s32Ms)
+{
+    // What a handler posts may stand behind the first round; the second stands behind that.
+    return WaitForEvents(m_pHandle, s32Ms) && WaitForEvents(m_pHandle, s32Ms);
 }

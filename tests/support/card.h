@@ -55,7 +55,7 @@ protected:
 
     bool WaitForState(libquarrin::QN_STATE_E enState, int32_t s32Ms = 5000);
 
-    /// Waits until the queue is empty and the event thread has nothing in hand.
+    /// Waits until every event is handled, and what its handler posted.
     bool WaitForIdle(int32_t s32Ms = 5000);
 
     TEMP_DIR m_dir;
