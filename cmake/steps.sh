@@ -76,6 +76,9 @@ need_packages()
 
 # ---- building
 
+check=build/check
+targets= # of the next build; all when empty
+
 # build_in DIR OPTION...: configures and builds; shows the compiler's words only when it fails.
 build_in()
 {
@@ -86,10 +89,42 @@ build_in()
         cat "$directory/configure.log" >&2
         return 1
     fi
-    if ! ninja -C "$directory" -k 0 -j "$jobs" >"$directory/build.log" 2>&1; then
+    # shellcheck disable=SC2086 # a list of words
+    if ! ninja -C "$directory" -k 0 -j "$jobs" $targets >"$directory/build.log" 2>&1; then
         grep -vE '^\[[0-9]+/[0-9]+\] (Building|Linking|Creating)' "$directory/build.log" | head -n 200 >&2
         return 1
     fi
+}
+
+pass_directory()
+{
+    echo "$check/$1"
+}
+
+# build_pass NAME [TARGET...]: builds one variant of the library with its tests, or some of its targets.
+build_pass()
+{
+    pass=$1
+    shift
+    targets=$*
+    case $pass in
+    native)
+        set -- -DCMAKE_BUILD_TYPE=Release -DQUARRIN_BUILD_BENCHMARKS=ON
+        ;;
+    asan | tsan)
+        sanitizers=thread
+        [ "$pass" = tsan ] || sanitizers=address,undefined
+        # Little optimisation and line numbers alone: enough for a readable report, and quick to compile.
+        set -- -DCMAKE_BUILD_TYPE=Sanitize -DCMAKE_CXX_FLAGS="-O1 -g1" -DQUARRIN_SANITIZE="$sanitizers" \
+            -DQUARRIN_BUILD_BENCHMARKS=OFF
+        ;;
+    *) die "there is no pass \"$pass\"" ;;
+    esac
+    status=0
+    build_in "$(pass_directory "$pass")" -DQUARRIN_WERROR=ON -DQUARRIN_BUILD_TESTS=ON -DQUARRIN_BUILD_TOOLS=ON "$@" ||
+        status=1
+    targets=
+    return "$status"
 }
 
 # ---- tests
@@ -145,6 +180,16 @@ fixed_addresses()
     fi
 }
 
+# ctest cuts what a failed test printed; nothing that a test prints is as long as this.
+whole=1000000000
+
+# show_failures LOG: every failed assertion and every report of a sanitizer in ctest's output, whole, and the last lines of
+# each failed program.
+show_failures()
+{
+    sed '/^Test project/d; /^ *Start /d' "$1" | awk -f cmake/failures.awk
+}
+
 # test_in NAME DIR: runs all tests of a finished build. Adds to passed, failed, skipped and broken.
 test_in()
 {
@@ -153,14 +198,17 @@ test_in()
     say "$name: running the tests, $jobs programs at a time"
     rm -rf "$directory/results" "$directory/ctest.xml"
     GTEST_OUTPUT=xml:$PWD/$directory/results/ GTEST_BRIEF=1 fixed_addresses ctest --test-dir "$directory" -j "$jobs" \
-        --output-on-failure --output-junit "$PWD/$directory/ctest.xml" >"$directory/test.log" 2>&1 ||
+        --output-on-failure --test-output-size-failed "$whole" --output-junit "$PWD/$directory/ctest.xml" >"$directory/test.log" 2>&1 ||
         broken="$broken $name-tests"
     [ -s "$directory/ctest.xml" ] || { cat "$directory/test.log" >&2; return; }
     # shellcheck disable=SC2046 # three words
     set -- $(count_pass "$directory")
     passed=$((passed + $1)) failed=$((failed + $2)) skipped=$((skipped + $3))
     case $broken in
-    *" $name-tests"*) sed '/^Test project/d; /^ *Start /d' "$directory/test.log" | tail -n 400 >&2 ;;
+    *" $name-tests"*)
+        show_failures "$directory/test.log" >&2
+        say "$name: all that the failed tests printed stands in $directory/test.log"
+        ;;
     esac
     say "$name: tested in $(($(date +%s) - built)) s: $1 passed, $2 failed, $3 skipped"
     skipped_tests "$directory" | sed 's/^/    skipped: /'
