@@ -28,7 +28,8 @@ struct tagQN_FILE_INFO_S
 /// \param pszPath  path of the file.
 /// \param pstInfo  [out] the record; untouched unless the path is a regular file with a name that can be read.
 ///
-/// \return 0 done, and also when the path is no regular file; -1 missing, or the name cannot be read (logged).
+/// \return 0 done, and also when the path is no regular file; -1 missing, or the name cannot be read (logged);
+///         6 no memory.
 ///
 /// Threads: any.
 QN_API int32_t QN_STORAGE_GetFileInfo(const char *pszPath, tagQN_FILE_INFO_S *pstInfo);
@@ -36,9 +37,9 @@ QN_API int32_t QN_STORAGE_GetFileInfo(const char *pszPath, tagQN_FILE_INFO_S *ps
 /// Lists the media files of a folder, earliest start first; files of one second stand in no certain order.
 ///
 /// \param pszFolder  path of the folder.
-/// \param vecFiles   [out] the files; untouched when the folder cannot be opened.
+/// \param vecFiles   [out] the files; untouched when the folder cannot be opened, empty when there is no memory.
 ///
-/// \return 0.
+/// \return 0; 6 no memory.
 ///
 /// Threads: any.
 /// Blocks:  for one lstat per entry.

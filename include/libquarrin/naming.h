@@ -4,7 +4,8 @@
 //   in progress  2024-03-01-08-15-00.To.unknown.[door].mp4
 //   picture      2024-03-01-08-15-00.[door].jpg
 //
-// All functions are re-entrant and may be called from any thread.
+// All functions are re-entrant and may be called from any thread. Those that give a string give an empty one when there is
+// no memory.
 #ifndef LIBQUARRIN_NAMING_H
 #define LIBQUARRIN_NAMING_H
 
@@ -50,7 +51,7 @@ QN_API QN_FILE_FMT_E QN_STORAGE_FileExt2FmtType(const char *pszExt);
 /// \param stEnd    [out] the same of the end; a copy of stStart when the name holds one time only.
 /// \param strExt   [out] text behind the last dot; untouched when there is none. Set even on failure.
 ///
-/// \return 0 done; -1 the name does not begin with a time (stStart may be partly written).
+/// \return 0 done; -1 the name does not begin with a time (stStart may be partly written), or no memory.
 QN_API int32_t QN_STORAGE_GetFilenameInfo(const char *pszName, tm &stStart, tm &stEnd, std::string &strExt);
 
 /// Text between the first "[" and the last "]" of a name; empty when there is none.

@@ -15,7 +15,7 @@
 /// \param u32Len    their number; fewer than 6 give no unit.
 /// \param vecNalus  [out] pointer and length of each unit.
 ///
-/// \return the number of units.
+/// \return the number of units; 0, with none, when there is no memory.
 QN_API int32_t SPLIT_H26X_NALUS(unsigned char *pu8Data, uint32_t u32Len,
                                 std::vector<std::pair<unsigned char *, int>> &vecNalus);
 

@@ -53,13 +53,13 @@ static bool OpenFile(tagFFREAD_HANDLER_S *pReader, const char *pszPath, QN_FILE_
     int s32Ret = avformat_open_input(&pReader->pFormatCtx, pszPath, pFormat, nullptr);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_open_input failed: %s", QN_FF_ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_open_input failed: %s", QN_FF_ErrorText(s32Ret).szText);
         return false;
     }
     s32Ret = avformat_find_stream_info(pReader->pFormatCtx, nullptr);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_find_stream_info failed: %s", QN_FF_ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_find_stream_info failed: %s", QN_FF_ErrorText(s32Ret).szText);
         return false;
     }
     av_dump_format(pReader->pFormatCtx, 0, pszPath, 0);
@@ -181,7 +181,7 @@ static int32_t ReadPacket(tagFFREAD_HANDLER_S *pReader)
     {
         return FFREAD_RET_END;
     }
-    QN_LOG_ERROR_AS("FFMUXER_ReadGetFrame", "av_read_frame failed, ret=%s", QN_FF_ErrorText(s32Ret).c_str());
+    QN_LOG_ERROR_AS("FFMUXER_ReadGetFrame", "av_read_frame failed, ret=%s", QN_FF_ErrorText(s32Ret).szText);
     return FFREAD_RET_ERROR;
 }
 

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 extern "C"
 {
@@ -15,12 +14,18 @@ extern "C"
 namespace libquarrin
 {
 
-/// The text; with its NUL it has room in so many bytes, and a longer one is cut.
-inline std::string QN_FF_ErrorText(int32_t s32Error, size_t bytes = 128)
+/// Room for a text. Not a string: memory may be just what is missing.
+struct tagFF_ERROR_TEXT_S
 {
-    std::string strText(bytes, '\0');
-    (void)av_strerror(s32Error, &strText[0], bytes); // fills in a generic text for a code it does not know
-    return strText.c_str();
+    char szText[128];
+};
+
+/// The text; with its NUL it has room in so many bytes, 128 at most, and a longer one is cut.
+inline tagFF_ERROR_TEXT_S QN_FF_ErrorText(int32_t s32Error, size_t bytes = sizeof(tagFF_ERROR_TEXT_S))
+{
+    tagFF_ERROR_TEXT_S stText = {};
+    (void)av_strerror(s32Error, stText.szText, bytes); // fills in a generic text for a code it does not know
+    return stText;
 }
 
 } // namespace libquarrin

@@ -84,14 +84,14 @@ static bool WriteHeader(AVFormatContext *pContext, QN_FILE_FMT_E enFormat, const
     if (s32Ret < 0)
     {
         // Kept: the text of this and of the next message ends with a newline of its own.
-        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_init_output init failed! %s\n", QN_FF_ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_init_output init failed! %s\n", QN_FF_ErrorText(s32Ret).szText);
         return false;
     }
     av_dump_format(pContext, 0, pszPath, 1);
     s32Ret = avformat_write_header(pContext, nullptr);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_write_header failed! %s\n", QN_FF_ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avformat_write_header failed! %s\n", QN_FF_ErrorText(s32Ret).szText);
         return false;
     }
     return true;
@@ -104,7 +104,7 @@ static bool CreateFile(tagFFWRITE_HANDLER_S *pWriter, const tagQN_RECORD_PARAM_S
     const int s32Ret = avio_open(&pWriter->pstFmtCtx->pb, pszPath, AVIO_FLAG_WRITE);
     if (s32Ret < 0)
     {
-        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avio_open failed: %s", QN_FF_ErrorText(s32Ret).c_str());
+        QN_LOG_ERROR_AS("FFMUXER_WriteOpen", "avio_open failed: %s", QN_FF_ErrorText(s32Ret).szText);
         return false;
     }
     return AddStreams(pWriter, pstParam) && WriteHeader(pWriter->pstFmtCtx, pstParam->enFormat, pszPath);

@@ -4,7 +4,6 @@
 #include "libquarrin/media.h"
 
 #include <cstring>
-#include <string>
 
 extern "C"
 {
@@ -33,7 +32,7 @@ struct PICTURE_WRITER_S
     int32_t s32Ret = 0; ///< result of the latest FFmpeg call that has one
 };
 
-static std::string ErrorText(int32_t s32Error)
+static tagFF_ERROR_TEXT_S ErrorText(int32_t s32Error)
 {
     return QN_FF_ErrorText(s32Error, 64); // promised with half the room of the reader and the writer
 }
@@ -60,7 +59,7 @@ static bool OpenEncoder(PICTURE_WRITER_S &st, int32_t s32Width, int32_t s32Heigh
     st.s32Ret = avcodec_open2(st.pCodec, pEncoder, nullptr);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Open codec failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Open codec failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     return true;
@@ -101,7 +100,7 @@ static bool MakeFrame(PICTURE_WRITER_S &st, const uint8_t *pu8Yuv)
     st.s32Ret = av_frame_get_buffer(st.pFrame, FRAME_ALIGN);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Get frame buffer failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Get frame buffer failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     CopyPicture(st.pFrame, pu8Yuv);
@@ -131,13 +130,13 @@ static bool OpenFile(PICTURE_WRITER_S &st, const char *pszPath)
     st.s32Ret = avio_open(&st.pFormat->pb, pszPath, AVIO_FLAG_WRITE); // FFmpeg's file protocol opens close-on-exec
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Open output failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Open output failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     st.s32Ret = avformat_write_header(st.pFormat, nullptr);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Write header failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Write header failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     return true;
@@ -151,7 +150,7 @@ static bool WritePacket(PICTURE_WRITER_S &st)
     av_packet_unref(st.pPacket);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Write frame failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Write frame failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     return true;
@@ -169,7 +168,7 @@ static bool Encode(PICTURE_WRITER_S &st)
     st.s32Ret = avcodec_send_frame(st.pCodec, st.pFrame);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Send frame failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Send frame failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     while ((st.s32Ret = avcodec_receive_packet(st.pCodec, st.pPacket)) >= 0)
@@ -181,7 +180,7 @@ static bool Encode(PICTURE_WRITER_S &st)
     }
     if (st.s32Ret != AVERROR(EAGAIN) && st.s32Ret != AVERROR_EOF)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Receive packet failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Receive packet failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     return true;
@@ -192,7 +191,7 @@ static bool FinishFile(PICTURE_WRITER_S &st)
     st.s32Ret = av_write_trailer(st.pFormat);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR_AS(LOG_TAG, "Write trailer failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR_AS(LOG_TAG, "Write trailer failed: %s", ErrorText(st.s32Ret).szText);
         return false;
     }
     return true;
@@ -222,7 +221,7 @@ int32_t FFMUXER_SaveYuvToJpeg(const char *pszPath, const uint8_t *pu8Yuv, int32_
     st.s32Ret = avformat_alloc_output_context2(&st.pFormat, nullptr, "mjpeg", pszFile);
     if (st.s32Ret < 0)
     {
-        QN_LOG_ERROR("Create format context failed: %s", ErrorText(st.s32Ret).c_str());
+        QN_LOG_ERROR("Create format context failed: %s", ErrorText(st.s32Ret).szText);
         return -1;
     }
     const bool bDone = OpenEncoder(st, s32Width, s32Height) && MakeFrame(st, pu8Yuv) && AddStream(st) &&

@@ -3,6 +3,8 @@
 
 #include "libquarrin/stream.h"
 
+#include <exception>
+
 #include "util/log.h"
 
 using NALUS = std::vector<std::pair<unsigned char *, int>>;
@@ -21,13 +23,8 @@ static void EmitUnit(unsigned char *pu8Data, uint32_t u32Begin, uint32_t u32End,
 }
 
 // Kept: only 00 00 00 01 and 00 00 00 00 01 split; a unit with a three-byte start code in it stays whole.
-int32_t SPLIT_H26X_NALUS(unsigned char *pu8Data, uint32_t u32Len, NALUS &vecNalus)
+static void Split(unsigned char *pu8Data, uint32_t u32Len, NALUS &vecNalus)
 {
-    vecNalus.clear();
-    if (pu8Data == nullptr || u32Len < NAL_MIN_STREAM)
-    {
-        return 0;
-    }
     uint32_t u32Begin = 0;
     uint32_t u32Zeros = 0;
     for (uint32_t i = 0; i < u32Len; ++i)
@@ -45,7 +42,22 @@ int32_t SPLIT_H26X_NALUS(unsigned char *pu8Data, uint32_t u32Len, NALUS &vecNalu
         u32Zeros = 0;
     }
     EmitUnit(pu8Data, u32Begin, u32Len, vecNalus);
+}
+
+int32_t SPLIT_H26X_NALUS(unsigned char *pu8Data, uint32_t u32Len, NALUS &vecNalus)
+try
+{
+    vecNalus.clear();
+    if (pu8Data != nullptr && u32Len >= NAL_MIN_STREAM)
+    {
+        Split(pu8Data, u32Len, vecNalus);
+    }
     return static_cast<int32_t>(vecNalus.size());
+}
+catch (const std::exception &) // no memory: rather none than some
+{
+    vecNalus.clear();
+    return 0;
 }
 
 // The first header byte of a unit behind a start code of three or four bytes; negative when there is none.

@@ -4,13 +4,17 @@
 #include "libquarrin/catalogue.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <exception>
+#include <memory>
 
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include "libquarrin/naming.h"
+#include "storage/names.h"
 #include "util/log.h"
+#include "util/results.h"
 
 namespace libquarrin
 {
@@ -28,16 +32,18 @@ static bool Describe(const char *pszFunc, const char *pszName, const std::string
 {
     tm stStart = {};
     tm stEnd = {};
-    std::string strExt;
-    if (QN_STORAGE_GetFilenameInfo(pszName, stStart, stEnd, strExt) != 0)
+    if (!QN_NAME_Times(pszName, stStart, stEnd))
     {
         QN_LOG_WARN_AS(pszFunc, "Oops, %s not indexable", strPath.c_str());
         return false;
     }
     stInfo.strName = pszName;
     stInfo.strPath = strPath;
-    stInfo.strComment = QN_STORAGE_GetFilenameComment(pszName);
-    stInfo.strExt = strExt;
+    const char *pszComment = "";
+    const size_t length = QN_NAME_Comment(pszName, pszComment);
+    stInfo.strComment.assign(pszComment, length);
+    const char *pszExt = QN_NAME_Extension(pszName);
+    stInfo.strExt = pszExt == nullptr ? "" : pszExt;
     stInfo.u64Size = static_cast<uint32_t>(s64Size); // Kept: sizes count modulo 2^32
     stInfo.tStart = ToTime(stStart);
     stInfo.tEnd = ToTime(stEnd);
@@ -45,6 +51,7 @@ static bool Describe(const char *pszFunc, const char *pszName, const std::string
 }
 
 int32_t QN_STORAGE_GetFileInfo(const char *pszPath, tagQN_FILE_INFO_S *pstInfo)
+try
 {
     const char *pszSlash = strrchr(pszPath, '/');
     const char *pszName = pszSlash == nullptr ? pszPath : pszSlash + 1;
@@ -65,6 +72,10 @@ int32_t QN_STORAGE_GetFileInfo(const char *pszPath, tagQN_FILE_INFO_S *pstInfo)
     *pstInfo = std::move(stInfo);
     return 0;
 }
+catch (const std::exception &)
+{
+    return static_cast<int32_t>(QN_RET_NO_MEMORY);
+}
 
 static bool StartsEarlier(const tagQN_FILE_INFO_S &stLeft, const tagQN_FILE_INFO_S &stRight)
 {
@@ -84,15 +95,16 @@ static size_t CountNames(DIR *pDir)
 }
 
 int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
+try
 {
-    DIR *pDir = opendir(pszFolder); // close-on-exec by itself
-    if (pDir == nullptr)
+    const std::unique_ptr<DIR, int (*)(DIR *)> spDir(opendir(pszFolder), closedir); // close-on-exec by itself
+    if (spDir == nullptr)
     {
-        return 0;
+        return errno == ENOMEM ? static_cast<int32_t>(QN_RET_NO_MEMORY) : 0;
     }
     vecFiles.clear();
-    vecFiles.reserve(CountNames(pDir));
-    while (const dirent *pEntry = readdir(pDir))
+    vecFiles.reserve(CountNames(spDir.get()));
+    while (const dirent *pEntry = readdir(spDir.get()))
     {
         const char *pszName = pEntry->d_name;
         if (strcmp(pszName, ".") == 0 || strcmp(pszName, "..") == 0)
@@ -111,9 +123,13 @@ int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO
             vecFiles.push_back(std::move(stInfo));
         }
     }
-    closedir(pDir);
     std::sort(vecFiles.begin(), vecFiles.end(), StartsEarlier);
     return 0;
+}
+catch (const std::exception &)
+{
+    vecFiles.clear(); // rather none than some
+    return static_cast<int32_t>(QN_RET_NO_MEMORY);
 }
 
 } // namespace libquarrin

@@ -1,48 +1,62 @@
 // File names: built from times, and read back.
 // Threads: any. Locks: none; pure functions of their arguments.
 
-#include "libquarrin/naming.h"
+#include "storage/names.h"
 
 #include <cstdio>
 #include <cstring>
+#include <exception>
+
+#include "libquarrin/naming.h"
+#include "storage/texts.h"
 
 namespace libquarrin
 {
 
 constexpr int32_t TM_YEAR_BASE = 1900;
 
-static std::string CommentPart(const char *pszComment)
+static void AppendComment(std::string &strPath, const char *pszComment)
 {
-    if (pszComment == nullptr || pszComment[0] == '\0')
+    if (pszComment != nullptr && pszComment[0] != '\0')
     {
-        return "";
+        strPath.append(".[").append(pszComment).append("]");
     }
-    return std::string(".[") + pszComment + "]";
 }
 
-static std::string BuildPath(const char *pszDir, const char *pszFolder, const std::string &strTimes,
+// pszEnd stands behind the time; the path is empty when there is no memory for it.
+static std::string BuildPath(const char *pszDir, const char *pszFolder, time_t tStart, const char *pszEnd,
                              const char *pszComment, const char *pszExt)
+try
 {
-    return std::string(pszDir) + "/" + pszFolder + "/" + strTimes + CommentPart(pszComment) + "." + pszExt;
+    std::string strPath = pszDir;
+    strPath.append("/").append(pszFolder).append("/").append(QN_TEXT_Time(tStart).szText).append(pszEnd);
+    AppendComment(strPath, pszComment);
+    strPath.append(".").append(pszExt);
+    return strPath;
+}
+catch (const std::exception &)
+{
+    return std::string();
 }
 
 std::string QN_STORAGE_GenerateRecordFile(const char *pszDir, const char *pszFolder, time_t tStart, time_t tEnd,
                                           const char *pszComment, const char *pszExt)
 {
-    const std::string strTimes = QN_STORAGE_PrettierTime(tStart) + ".To." + QN_STORAGE_PrettierTime(tEnd);
-    return BuildPath(pszDir, pszFolder, strTimes, pszComment, pszExt);
+    char szEnd[sizeof(tagQN_TEXT_S) + 8];
+    (void)snprintf(szEnd, sizeof(szEnd), ".To.%s", QN_TEXT_Time(tEnd).szText); // fits
+    return BuildPath(pszDir, pszFolder, tStart, szEnd, pszComment, pszExt);
 }
 
 std::string QN_STORAGE_GenerateRecordingFile(const char *pszDir, const char *pszFolder, time_t tStart,
                                              const char *pszComment, const char *pszExt)
 {
-    return BuildPath(pszDir, pszFolder, QN_STORAGE_PrettierTime(tStart) + ".To.unknown", pszComment, pszExt);
+    return BuildPath(pszDir, pszFolder, tStart, ".To.unknown", pszComment, pszExt);
 }
 
 std::string QN_STORAGE_GenerateImageFile(const char *pszDir, const char *pszFolder, time_t tTime,
                                          const char *pszComment, const char *pszExt)
 {
-    return BuildPath(pszDir, pszFolder, QN_STORAGE_PrettierTime(tTime), pszComment, pszExt);
+    return BuildPath(pszDir, pszFolder, tTime, "", pszComment, pszExt);
 }
 
 const char *QN_STORAGE_FmtType2FileExt(QN_FILE_FMT_E enFormat)
@@ -93,20 +107,21 @@ static void ToTmRange(tm &stTime)
     stTime.tm_mon -= 1;
 }
 
-int32_t QN_STORAGE_GetFilenameInfo(const char *pszName, tm &stStart, tm &stEnd, std::string &strExt)
+const char *QN_NAME_Extension(const char *pszName)
 {
     const char *pszDot = strrchr(pszName, '.');
-    if (pszDot != nullptr)
-    {
-        strExt = pszDot + 1;
-    }
+    return pszDot == nullptr ? nullptr : pszDot + 1;
+}
+
+bool QN_NAME_Times(const char *pszName, tm &stStart, tm &stEnd)
+{
     const int32_t s32Fields =
         sscanf(pszName, "%04d-%02d-%02d-%02d-%02d-%02d.To.%04d-%02d-%02d-%02d-%02d-%02d", &stStart.tm_year,
                &stStart.tm_mon, &stStart.tm_mday, &stStart.tm_hour, &stStart.tm_min, &stStart.tm_sec, &stEnd.tm_year,
                &stEnd.tm_mon, &stEnd.tm_mday, &stEnd.tm_hour, &stEnd.tm_min, &stEnd.tm_sec);
     if (s32Fields < 6)
     {
-        return -1;
+        return false;
     }
     if (s32Fields < 12)
     {
@@ -114,18 +129,46 @@ int32_t QN_STORAGE_GetFilenameInfo(const char *pszName, tm &stStart, tm &stEnd, 
     }
     ToTmRange(stStart);
     ToTmRange(stEnd);
-    return 0;
+    return true;
 }
 
-std::string QN_STORAGE_GetFilenameComment(const char *pszName)
+size_t QN_NAME_Comment(const char *pszName, const char *&pszComment)
 {
     const char *pszOpen = strchr(pszName, '[');
     const char *pszClose = strrchr(pszName, ']');
     if (pszOpen == nullptr || pszClose == nullptr || pszOpen > pszClose)
     {
-        return "";
+        return 0;
     }
-    return std::string(pszOpen + 1, pszClose);
+    pszComment = pszOpen + 1;
+    return static_cast<size_t>(pszClose - pszComment);
+}
+
+int32_t QN_STORAGE_GetFilenameInfo(const char *pszName, tm &stStart, tm &stEnd, std::string &strExt)
+try
+{
+    const char *pszExt = QN_NAME_Extension(pszName);
+    if (pszExt != nullptr)
+    {
+        strExt = pszExt;
+    }
+    return QN_NAME_Times(pszName, stStart, stEnd) ? 0 : -1;
+}
+catch (const std::exception &)
+{
+    return -1;
+}
+
+std::string QN_STORAGE_GetFilenameComment(const char *pszName)
+try
+{
+    const char *pszComment = "";
+    const size_t length = QN_NAME_Comment(pszName, pszComment);
+    return std::string(pszComment, length);
+}
+catch (const std::exception &)
+{
+    return std::string();
 }
 
 } // namespace libquarrin
