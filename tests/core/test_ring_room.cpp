@@ -100,6 +100,25 @@ TEST_F(RingRoom, IsNotWaitedForByAHandler)
     }
 }
 
+TEST_F(RingRoom, IsWaitedForByAThreadWhoseHandlerHasReturned)
+{
+    InitUnplugged();
+    EXPECT_EQ(0, UTIL_THREAD_Destory(&m_pHandle->stEventThread, 1)); // the steps are taken by other threads now
+    BACKGROUND fifth(
+        [this]
+        {
+            Push(5);
+            QN_EVENT_ProcessThread(m_pHandle);
+            FillRing();
+            Push(5);
+        });
+    EXPECT_TRUE(TEST_WaitFor([this] { return Queued() == QN_EVENT_SLOTS; }));
+    EXPECT_TRUE(fifth.StaysBusy());
+    QN_EVENT_ProcessThread(m_pHandle);
+    EXPECT_TRUE(fifth.WaitDone());
+    EXPECT_EQ(QN_EVENT_SLOTS, Queued());
+}
+
 TEST_F(RingRoom, IsGivenUpByProducersWhenTheQueueIsShutDown)
 {
     InitUnplugged();

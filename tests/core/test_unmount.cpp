@@ -120,6 +120,20 @@ TEST_F(Unmount, OfAPulledCardWaitsForAHostThatListsAFolder)
     EXPECT_EQ(std::vector<std::string>{}, OpenAtUnmount());
 }
 
+TEST_F(Unmount, OfAPulledCardWaitsForAFileThatIsMovedAside)
+{
+    InitMounted();
+    FAKE_PLATFORM_Stall("mv ");
+    BACKGROUND host([this] { EXPECT_EQ(0u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, "a.ts")); });
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    Push(QN_EVENT_E_HOTPLUG_OUT);
+    EXPECT_FALSE(TEST_WaitFor([] { return FAKE_PLATFORM_CommandCount("umount") > 0; }, 300)); // two seconds at most
+    FAKE_PLATFORM_Release();
+    EXPECT_TRUE(host.WaitDone());
+    EXPECT_TRUE(WaitForState(QN_STATE_E_UNPLUGIN));
+    EXPECT_EQ(UnmountLine(), FAKE_PLATFORM_Commands().back());
+}
+
 TEST_F(Unmount, AtTheEndOfTheHandleWaitsForAQuotaCheck)
 {
     InitMounted();
