@@ -352,6 +352,7 @@ int main(int argc, char **argv)
     QN_PLATFORM_SetLogLevel(4);
     tagQN_STORAGE_PARAM_S storage = CardParam(argv[1], argv[2], !keep);
     Clip clip;
+    (void)QN_PLATFORM_RemoveLeftover(argv[1], argv[2]); // what stays is told of by the next line
     std::string wrong = WhyNotMountPoint(storage);
     wrong = wrong.empty() ? LoadClip(argv[3], clip) : wrong;
     if (!wrong.empty())

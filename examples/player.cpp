@@ -341,6 +341,8 @@ int main(int argc, char **argv)
     BlockSignals(); // before the first thread: an interrupted player unmounts the card, too
     QN_PLATFORM_SetLogLevel(0);
     tagQN_STORAGE_PARAM_S storage = CardParam(options.device, options.mountPoint, false);
+    // What stays is told of by WhyNotMountPoint.
+    (void)QN_PLATFORM_RemoveLeftover(options.device.c_str(), options.mountPoint.c_str());
     const std::string wrong =
         access(options.device.c_str(), F_OK) != 0 ? "there is no card in " + options.device : WhyNotMountPoint(storage);
     if (!wrong.empty())

@@ -1,7 +1,9 @@
-// The mount line for a card that is mounted already: it counts as done.
+// The mount line. A card that is mounted already counts as done: the kernel may announce a device twice, and a program
+// that was restarted finds its card mounted. To mount the card once more fails, and the library would take a card that
+// works for one that does not.
 //
-// The kernel may announce a device twice, and a program that was restarted finds its card mounted. To mount the card
-// once more fails, and the library would take a card that works for one that does not.
+// What is on a card comes from strangers: programs with set-user-ID bits and device nodes of their making get no power
+// here, and nothing on it is run.
 // Threads: any. Locks: none.
 
 #include "mount.h"
@@ -11,10 +13,13 @@
 
 #include <sys/stat.h>
 
+#include "log.h"
 #include "mount_table.h"
+#include "process.h"
 
 static const std::string MKDIR_PART = "mkdir -p ";
 static const std::string MOUNT_PART = "; mount ";
+static const std::string MOUNT_OPTIONS = "nosuid,nodev,noexec";
 
 bool PLATFORM_IsMountLine(const std::string &strLine, std::string &strDevice, std::string &strPath)
 {
@@ -48,4 +53,16 @@ bool PLATFORM_IsMountedOn(const std::string &strDevice, const std::string &strPa
         return false;
     }
     return PLATFORM_TableShowsDevice(PLATFORM_ReadMountTable(), szPath, stDevice.st_rdev);
+}
+
+int32_t PLATFORM_Mount(const std::string &strDevice, const std::string &strPath)
+{
+    const std::vector<std::string> vecShell = PLATFORM_FindShell(PLATFORM_ShellFolders());
+    if (vecShell.empty())
+    {
+        PLATFORM_LogError("neither bash nor busybox is there to run mount");
+        return PLATFORM_NOT_STARTED;
+    }
+    (void)PLATFORM_RunArgs(vecShell, {"mkdir", "-p", strPath}); // as in the line: mount tells when there is none
+    return PLATFORM_RunArgs(vecShell, {"mount", "-o", MOUNT_OPTIONS, strDevice, strPath});
 }

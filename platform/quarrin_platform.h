@@ -22,16 +22,20 @@ extern "C"
     ///
     /// The shell is bash, else busybox: their `echo` understands -e. Both are looked for in PATH and in /bin, /usr/bin
     /// and /usr/local/bin. The command's standard input is empty, the sbin folders stand at the end of its PATH, and it
-    /// has a process group of its own, so that a Ctrl-C meant for the program does not tear a mkfs.
+    /// has a process group of its own, so that a Ctrl-C meant for the program does not tear a mkfs. Of the program's
+    /// descriptors it gets standard output and error alone, and of its environment everything but what changes a shell's
+    /// ways: SHELLOPTS, ENV and the like, all names that begin with BASH, and exported functions.
     ///
     /// The line "umount X; rm -rf X", X twice the same path, never reaches a shell. X that is no mount point is left
     /// alone. Otherwise umount takes one mount off, and only when X has stopped being a mount point its directory is
-    /// removed, if it is empty. A busy mount whose device node is gone, since the card was pulled, is taken off lazily:
-    /// open files keep failing until they are closed, and the next card finds the directory free. The text between is one path, blanks and all. Any other line that begins with umount
-    /// and goes on to an rm is refused.
+    /// removed, if it is empty. Of X that is a symbolic link (of root's or the program's user) the directory behind it is
+    /// unmounted and removed, and the link goes too. A busy mount whose device node is gone, since the card was pulled, is
+    /// taken off lazily: open files keep failing until they are closed, and the next card finds the directory free. The
+    /// text between is one path, blanks and all. Any other line that begins with umount and goes on to an rm is refused.
     ///
     /// The line "mkdir -p X; mount D X" is answered with 0 and not run when the block device D is what is mounted on X:
     /// a card that the kernel announces twice stays mounted. D and X count by what they lead to, also through links.
+    /// Otherwise D is mounted with the options nosuid, nodev and noexec, again with X as one path, blanks and all.
     ///
     /// \param cmd  NUL-terminated command line; borrowed for the call.
     ///
@@ -39,9 +43,28 @@ extern "C"
     ///         started; 1 when the umount line was refused or not carried out to its end. The reason goes to the log.
     ///
     /// Threads: any, also at the same time. It needs no SIGCHLD and minds no SIGCHLD handler: the host may ignore the
-    ///          signal or collect all children itself.
+    ///          signal or collect all children itself, and may fork meanwhile.
     /// Blocks:  as long as the command runs.
     int QN_PLATFORM_RunCommand(const char *cmd);
+
+    /// Removes a mount directory that a power cut or a kill has left behind; to be called before QN_Init.
+    ///
+    /// QN_Init takes a mount directory that exists for a mounted card, and would record onto the device's own flash. A
+    /// directory goes when nothing is mounted on it and no file lies in it or below it; empty folders, such as those of
+    /// the volumes, go with it. Only empty directories are ever removed, never a file. Of a symbolic link (of root's or
+    /// the program's user) the directory behind it goes, and the link. Nothing is done where the device is there and no
+    /// block device, /dev/null for one: a plain folder stands for a card then.
+    ///
+    /// \param device       the card's node, as in tagQN_STORAGE_PARAM_S; borrowed for the call.
+    /// \param mount_point  the mount point; borrowed for the call.
+    ///
+    /// \return 0 when QN_Init may have the mount point: nothing is there, or a mounted file system, or a folder that
+    ///         stands for a card; 1 when a directory stays that is no mounted card, or an argument is null. The reason
+    ///         goes to the log.
+    ///
+    /// Threads: any, but nobody may mount there meanwhile.
+    /// Blocks:  as long as the mount point's own file system takes to answer.
+    int QN_PLATFORM_RemoveLeftover(const char *device, const char *mount_point);
 
 } // extern "C"
 

@@ -34,9 +34,9 @@ extern "C" int QN_PLATFORM_RunCommand(const char *cmd)
     }
     std::string strDevice;
     std::string strPath;
-    if (PLATFORM_IsMountLine(cmd, strDevice, strPath) && PLATFORM_IsMountedOn(strDevice, strPath))
+    if (PLATFORM_IsMountLine(cmd, strDevice, strPath))
     {
-        return 0;
+        return PLATFORM_IsMountedOn(strDevice, strPath) ? 0 : PLATFORM_Mount(strDevice, strPath);
     }
     switch (PLATFORM_ClassifyLine(cmd, strPath))
     {

@@ -1,22 +1,21 @@
 // The unmount line: umount first, the directory only when it really is one again.
 //
 // By the letter "umount X; rm -rf X" deletes every file of a card that is still mounted, because it was busy or because
-// X never was a mount point. On the device that is intended; here X may be anybody's folder.
+// X never was a mount point. On the device that is intended; here X may be anybody's folder. Where X is a symbolic link,
+// the card is mounted on the directory behind it, and that one is unmounted.
 // Threads: any. Locks: none; a mount that comes between the look and the removal makes rmdir fail.
 
 #include "unmount.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "log.h"
+#include "mount_path.h"
 #include "mount_table.h"
 #include "process.h"
 
@@ -68,27 +67,6 @@ static bool IsMountPoint(const std::string &strPath, bool bUnknown)
     return PLATFORM_TableHasMount(strTable, strPath);
 }
 
-// The path as the kernel writes it. Only the folder above is resolved: the card itself may be gone and answer nothing.
-static bool ResolveMountPath(const std::string &strPath, std::string &strResolved)
-{
-    const size_t uLast = strPath.find_last_not_of('/');
-    const std::string strTrimmed = uLast == std::string::npos ? "" : strPath.substr(0, uLast + 1);
-    const size_t uSlash = strTrimmed.rfind('/');
-    const std::string strName = uSlash == std::string::npos ? strTrimmed : strTrimmed.substr(uSlash + 1);
-    if (strName.empty() || strName == "." || strName == "..")
-    {
-        return false;
-    }
-    const std::string strAbove = uSlash == std::string::npos ? "." : strTrimmed.substr(0, uSlash + 1);
-    char szAbove[PATH_MAX];
-    if (realpath(strAbove.c_str(), szAbove) == nullptr)
-    {
-        return false;
-    }
-    strResolved = std::string(strcmp(szAbove, "/") == 0 ? "" : szAbove) + "/" + strName;
-    return true;
-}
-
 // The card was pulled: the node that is mounted here is gone, though somebody still has files of it open. They are lost
 // anyway, and the next card needs the directory.
 static bool IsDeviceGone(const std::string &strResolved)
@@ -97,10 +75,29 @@ static bool IsDeviceGone(const std::string &strResolved)
     return strSource.rfind("/dev/", 0) == 0 && access(strSource.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
+// What the line's second half removes, as far as it is empty. A link goes in any case: "rm" takes a link, not what is
+// behind it.
+static int32_t RemoveDirectory(const std::string &strPath, const PLATFORM_MOUNT_PATH_S &stWhere)
+{
+    const bool bLink = !stWhere.strLink.empty();
+    int32_t s32Result = 0;
+    if (rmdir(stWhere.strResolved.c_str()) != 0)
+    {
+        PLATFORM_LogError("\"%s\" is unmounted, but its directory stays: %s", strPath.c_str(), strerror(errno));
+        s32Result = bLink ? 0 : 1;
+    }
+    if (bLink && unlink(stWhere.strLink.c_str()) != 0)
+    {
+        PLATFORM_LogError("\"%s\" is unmounted, but the link stays: %s", strPath.c_str(), strerror(errno));
+        s32Result = 1;
+    }
+    return s32Result;
+}
+
 int32_t PLATFORM_Unmount(const std::string &strPath)
 {
-    std::string strResolved;
-    if (!ResolveMountPath(strPath, strResolved) || !IsMountPoint(strResolved, false))
+    PLATFORM_MOUNT_PATH_S stWhere;
+    if (!PLATFORM_ResolveMountPath(strPath, stWhere) || !IsMountPoint(stWhere.strResolved, false))
     {
         PLATFORM_LogError("\"%s\" is not a mount point: left alone", strPath.c_str());
         return 1;
@@ -111,22 +108,17 @@ int32_t PLATFORM_Unmount(const std::string &strPath)
         PLATFORM_LogError("neither bash nor busybox is there to run umount");
         return 1;
     }
-    int32_t s32Result = PLATFORM_RunArgs(vecShell, {"umount", strResolved});
-    if (s32Result != 0 && IsDeviceGone(strResolved))
+    int32_t s32Result = PLATFORM_RunArgs(vecShell, {"umount", stWhere.strResolved});
+    if (s32Result != 0 && IsDeviceGone(stWhere.strResolved))
     {
         PLATFORM_LogError("the card on \"%s\" is gone: detached with files open", strPath.c_str());
-        s32Result = PLATFORM_RunArgs(vecShell, {"umount", "-l", strResolved});
+        s32Result = PLATFORM_RunArgs(vecShell, {"umount", "-l", stWhere.strResolved});
     }
-    if (IsMountPoint(strResolved, true))
+    if (IsMountPoint(stWhere.strResolved, true))
     {
         PLATFORM_LogError("\"%s\" is still a mount point (umount ended with %d): everything stays", strPath.c_str(),
                           s32Result);
         return 1;
     }
-    if (rmdir(strResolved.c_str()) != 0)
-    {
-        PLATFORM_LogError("\"%s\" is unmounted, but its directory stays: %s", strPath.c_str(), strerror(errno));
-        return 1;
-    }
-    return 0;
+    return RemoveDirectory(strPath, stWhere);
 }

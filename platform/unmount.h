@@ -16,7 +16,8 @@ enum PLATFORM_LINE_E : int32_t
 /// Says what a command line is; strPath is X of an unmount line and untouched otherwise.
 PLATFORM_LINE_E PLATFORM_ClassifyLine(const std::string &strLine, std::string &strPath);
 
-/// Takes one mount off the path, and its directory when that leaves it an empty ordinary one. 0 or 1; says why.
+/// Takes one mount off the path, and its directory when that leaves it an empty ordinary one; of a path that is a link,
+/// off the directory behind it, and then the link too. 0: nothing stands at the path any more; else 1. Says why.
 int32_t PLATFORM_Unmount(const std::string &strPath);
 
 #endif

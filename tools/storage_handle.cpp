@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "bu_platform.h"
+#include "quarrin_platform.h"
 
 // The library's device: one that exists, so that start-up does not take the folder for an orphaned mount.
 static constexpr const char *STORAGE_DEVICE = "/dev/null";
@@ -129,6 +130,8 @@ TOOL_STORAGE TOOL_STORAGE_Open(const std::string &strDir, const tagTOOL_QUOTA_S 
     stParam.s32PartitionNo = 1;
     stParam.pszMountPoint = strAbsolute;
     stParam.astVolume[libquarrin::QN_VOLUME_ID_E_0] = VolumeOf(stQuota);
+    // As every host does; with this device the folder stands for a card, and nothing of it is removed.
+    (void)QN_PLATFORM_RemoveLeftover(STORAGE_DEVICE, strAbsolute.c_str());
     libquarrin::tagQN_HANDLER_S *pHandle = nullptr;
     const uint32_t u32Result = libquarrin::QN_Init(&stParam, pHandle);
     TOOL_STORAGE pStorage(pHandle);

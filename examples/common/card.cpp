@@ -3,7 +3,6 @@
 #include "card.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace libquarrin;
 
@@ -61,12 +60,9 @@ std::string WhyNotMountPoint(const tagQN_STORAGE_PARAM_S &param)
     }
     if (isThere && !IsMountPoint(folder))
     {
-        // QN_Init would take it for a mounted card and record onto the device's own flash.
-        (void)rmdir((folder + "/" + RECORDINGS).c_str()); // may be missing; rmdir takes empty ones only
-        if (rmdir(folder.c_str()) != 0)
-        {
-            return folder + " is a folder with something in it: a card needs a mount point of its own";
-        }
+        // QN_Init would take it for a mounted card and record onto the device's own flash. An empty one that a power cut
+        // left behind has been removed by the utility layer.
+        return folder + " is a folder with something in it: a card needs a mount point of its own";
     }
     return "";
 }

@@ -12,8 +12,8 @@ constexpr const char *RECORDINGS = "rec";
 /// Partition 1 of a device, with one volume that may take 90 per cent of the card.
 libquarrin::tagQN_STORAGE_PARAM_S CardParam(const std::string &device, const std::string &mountPoint, bool autoDelete);
 
-/// Why the library must not get this mount point, as a sentence; empty when it may. Removes an empty mount directory
-/// that an earlier run left behind.
+/// Why the library must not get this mount point, as a sentence; empty when it may. The utility layer removes what a
+/// power cut left behind before this is asked: QN_PLATFORM_RemoveLeftover, or LAYER_RemoveLeftover of own_layer.
 std::string WhyNotMountPoint(const libquarrin::tagQN_STORAGE_PARAM_S &param);
 
 /// Another file system begins at this directory.

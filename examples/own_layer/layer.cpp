@@ -31,7 +31,8 @@ constexpr int TIMED_OUT = 124;
 
 static std::string g_partition;   // "/dev/mmcblk1p1"
 static std::string g_mountPoint;  // "/mnt/card"
-static std::string g_mountLine;   // the library's two lines for this card, to the letter
+static std::string g_safeMount;   // what is run for the first of the library's two lines for this card
+static std::string g_mountLine;   // those lines, to the letter
 static std::string g_unmountLine; // as it stands, it would delete the card's files whenever umount fails
 static seconds g_limit;
 
@@ -42,7 +43,31 @@ void LAYER_Begin(const libquarrin::tagQN_STORAGE_PARAM_S &param, seconds limit)
     g_mountPoint = param.pszMountPoint;
     g_partition = param.strDevice + "p" + std::to_string(param.s32PartitionNo);
     g_mountLine = "mkdir -p " + g_mountPoint + "; mount " + g_partition + " " + g_mountPoint;
+    // A card comes from strangers: nothing on it is run, is a device or gives root's rights away.
+    g_safeMount = "mkdir -p " + g_mountPoint + "; mount -o nosuid,nodev,noexec " + g_partition + " " + g_mountPoint;
     g_unmountLine = "umount " + g_mountPoint + "; rm -rf " + g_mountPoint;
+}
+
+void LAYER_RemoveLeftover(const libquarrin::tagQN_STORAGE_PARAM_S &param)
+{
+    struct stat node = {};
+    if (stat(param.strDevice.c_str(), &node) == 0 && !S_ISBLK(node.st_mode))
+    {
+        return;
+    }
+    // rmdir takes what is empty and nothing else: a mounted card stays, and so does a folder with files.
+    struct stat inside = {};
+    struct stat above = {};
+    const bool isMounted = stat(param.pszMountPoint.c_str(), &inside) == 0 &&
+                           stat((param.pszMountPoint + "/..").c_str(), &above) == 0 && inside.st_dev != above.st_dev;
+    for (const libquarrin::tagQN_VOLUME_PARAM_S &volume : param.astVolume)
+    {
+        if (volume.bEnable != 0 && !isMounted) // the empty folders of a card are the card's
+        {
+            (void)rmdir((param.pszMountPoint + "/" + volume.pszFolder).c_str()); // may be missing
+        }
+    }
+    (void)rmdir(param.pszMountPoint.c_str()); // WhyNotMountPoint of common/card.h tells what stays
 }
 
 // ---- mount and unmount
@@ -93,7 +118,9 @@ static std::vector<std::string> Shell()
 }
 
 // Starts the program with empty standard input, no signal blocked or ignored, and in a process group of its own: a
-// Ctrl-C does not tear a mkfs, and the time limit ends the shell with all that it has started. 0 or an errno.
+// Ctrl-C does not tear a mkfs, and the time limit ends the shell with all that it has started. It gets nothing of the
+// host's but standard output and error: an open recording would keep the card busy, and of the environment a shell takes
+// settings and functions that change what a line does. 0 or an errno.
 static int Spawn(std::vector<std::string> words, pid_t &pid)
 {
     std::vector<char *> arguments;
@@ -115,7 +142,12 @@ static int Spawn(std::vector<std::string> words, pid_t &pid)
     posix_spawnattr_setpgroup(&attributes, 0);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    const int error = posix_spawn(&pid, arguments[0], &actions, &attributes, arguments.data(), environ);
+#if defined(__GLIBC__) && __GLIBC__ * 1000 + __GLIBC_MINOR__ >= 2034 // elsewhere: open everything with O_CLOEXEC
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+#endif
+    char path[] = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+    char *variables[] = {path, nullptr};
+    const int error = posix_spawn(&pid, arguments[0], &actions, &attributes, arguments.data(), variables);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     return error;
@@ -150,9 +182,8 @@ static bool WaitFor(pid_t pid, seconds limit, int &result)
 
 static int RunInShell(const std::string &line, seconds limit)
 {
-    // Daemons are often started without the folders of mount, mkfs and fdisk.
     std::vector<std::string> words = Shell();
-    words.push_back("PATH=$PATH:/usr/sbin:/sbin:/usr/bin:/bin; " + line);
+    words.push_back(line);
     pid_t pid = -1;
     const int error = Spawn(words, pid);
     if (error != 0)
@@ -196,7 +227,7 @@ extern "C" int BU_RunCmd(const char *cmd)
     else
     {
         const bool formats = line.compare(0, 4, "mkfs") == 0 || line.find("fdisk") != std::string::npos;
-        result = RunInShell(line, formats ? FORMAT_FACTOR * g_limit : g_limit);
+        result = RunInShell(line == g_mountLine ? g_safeMount : line, formats ? FORMAT_FACTOR * g_limit : g_limit);
     }
     syslog(result == 0 ? LOG_INFO : LOG_ERR, "result %d of: %s", result, cmd);
     return result;

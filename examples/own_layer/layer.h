@@ -10,4 +10,8 @@
 /// needs its time. Formats get fifteen times as much.
 void LAYER_Begin(const libquarrin::tagQN_STORAGE_PARAM_S &param, std::chrono::seconds limit = std::chrono::seconds(60));
 
+/// Removes an empty mount directory that a power cut has left behind, with its empty volume folders, before QN_Init: the
+/// library would take it for a mounted card. Nothing where a plain folder stands for a card.
+void LAYER_RemoveLeftover(const libquarrin::tagQN_STORAGE_PARAM_S &param);
+
 #endif

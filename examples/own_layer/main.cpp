@@ -108,6 +108,7 @@ int main(int argc, char **argv)
     BlockSignals(); // before the first thread
     tagQN_STORAGE_PARAM_S storage = CardParam(argv[1], argv[2], true);
     Clip clip;
+    LAYER_RemoveLeftover(storage);
     std::string wrong = WhyNotMountPoint(storage);
     wrong = wrong.empty() ? LoadClip(argv[3], clip) : wrong;
     if (!wrong.empty())

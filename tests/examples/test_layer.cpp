@@ -103,6 +103,37 @@ TEST_F(Layer, RunsTheFolderLine)
     rmdir(strFolder.c_str());
 }
 
+TEST_F(Layer, RemovesAnEmptyMountDirectoryAndNothingElse)
+{
+    const std::string strMount = m_stParam.pszMountPoint;
+    m_stParam.astVolume[0].bEnable = 1;
+    m_stParam.astVolume[0].pszFolder = "rec";
+    mkdir((strMount + "/rec").c_str(), 0755);
+    mkdir((strMount + "/rec/file").c_str(), 0755); // not empty
+    LAYER_RemoveLeftover(m_stParam);
+    EXPECT_TRUE(Exists(strMount + "/rec/file"));
+    rmdir((strMount + "/rec/file").c_str());
+    const std::string strDevice = m_stParam.strDevice;
+    m_stParam.strDevice = "/dev/null";
+    LAYER_RemoveLeftover(m_stParam);
+    EXPECT_TRUE(Exists(strMount + "/rec"));
+    m_stParam.strDevice = strDevice;
+    LAYER_RemoveLeftover(m_stParam);
+    EXPECT_FALSE(Exists(strMount));
+}
+
+TEST_F(Layer, LetsTheHostsSettingsChangeNoLine)
+{
+    setenv("SHELLOPTS", "errexit:noexec", 1);
+    setenv("BASH_FUNC_test%%", "() {  return 9; }", 1);
+    EXPECT_EQ(3, Run("false; test 1 = 1 && exit 3"));
+    unsetenv("SHELLOPTS");
+    unsetenv("BASH_FUNC_test%%");
+    const int s32Open = dup(STDERR_FILENO);
+    EXPECT_EQ(1, Run("test -e /proc/self/fd/" + std::to_string(s32Open)));
+    close(s32Open);
+}
+
 TEST_F(Layer, TakesTheMessagesOfTheLibrary)
 {
     ::testing::internal::CaptureStderr();

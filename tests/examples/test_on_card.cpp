@@ -208,6 +208,22 @@ TEST_F(OnCard, OwnLayerMountsAndUnmounts)
     EXPECT_EQ(CLIP_FRAMES, ExpectWhole(m_strRec + "/" + vecNames[0]));
 }
 
+TEST_F(OnCard, HostsMountTheCardThoughAPowerCutLeftItsDirectoryBehind)
+{
+    ASSERT_TRUE(InAndUsable());
+    const std::string &strMount = m_upCard->MountDir();
+    for (const char *pszProgram : {EXAMPLE_HOST, EXAMPLE_OWN_LAYER})
+    {
+        ASSERT_EQ(0, mkdir(strMount.c_str(), 0755));
+        ASSERT_EQ(0, mkdir(m_strRec.c_str(), 0755));
+        const TOOL_RESULT_S stResult = Run(pszProgram, {m_upCard->Device(), strMount, m_strClip});
+        EXPECT_EQ(0, stResult.s32Status) << stResult.strErr;
+        EXPECT_FALSE(TEST_Exists(strMount));
+    }
+    ASSERT_TRUE(MountIt());
+    EXPECT_EQ(2u, Finished(m_strRec).size());
+}
+
 TEST_F(OnCard, OwnLayerGoesOnWithACardThatIsMountedAndAnnouncedAgain)
 {
     ASSERT_TRUE(m_upCard->In() && MountIt()); // as a program leaves it that was killed

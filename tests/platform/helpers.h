@@ -9,6 +9,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 /// A test with a temporary directory, removed with everything in it at the end.
@@ -51,6 +52,13 @@ protected:
     static bool Exists(const std::string &strPath)
     {
         return access(strPath.c_str(), F_OK) == 0;
+    }
+
+    /// Also a link that leads nowhere.
+    static bool IsThere(const std::string &strPath)
+    {
+        struct stat stAny = {};
+        return lstat(strPath.c_str(), &stAny) == 0;
     }
 
     std::string m_strDir;

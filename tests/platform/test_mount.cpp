@@ -80,6 +80,15 @@ protected:
         return s32Count;
     }
 
+    // The options of the mount on a path, between blanks, as the table has them.
+    static std::string Options(const std::string &strPath)
+    {
+        const std::string strTable = PLATFORM_ReadMountTable();
+        const size_t uAt = strTable.find(" " + strPath + " ");
+        const size_t uBegin = uAt == std::string::npos ? uAt : uAt + strPath.size() + 2;
+        return uAt == std::string::npos ? "" : "," + strTable.substr(uBegin, strTable.find(' ', uBegin) - uBegin) + ",";
+    }
+
     LOOP_DEVICE m_loop;
     struct stat m_stDevice = {};
     std::string m_strMount;
@@ -146,6 +155,36 @@ TEST_F(MountedCard, MountingItOnceMoreSucceedsAndChangesNothing)
     EXPECT_EQ(0, Mount(m_loop.strDevice, m_strMount));
     EXPECT_EQ(1, Mounts());
     EXPECT_EQ("kept", ReadFile(strFile));
+}
+
+TEST_F(MountedCard, GivesNothingOnItAnyPower)
+{
+    ASSERT_EQ(0, Mount(m_loop.strDevice, m_strMount));
+    for (const char *pszOption : {",nosuid,", ",nodev,", ",noexec,", ",rw,"})
+    {
+        EXPECT_NE(std::string::npos, Options(m_strMount).find(pszOption))
+            << pszOption << " not in " << Options(m_strMount);
+    }
+    EXPECT_EQ("kept", ReadFile(MakeFile("mnt/recording")));
+}
+
+TEST_F(MountedCard, IsMountedOnAPathWithBlanks)
+{
+    m_strMount = m_strDir + "/my card; echo";
+    ASSERT_EQ(0, Mount(m_loop.strDevice, m_strMount));
+    EXPECT_TRUE(PLATFORM_IsMountedOn(m_loop.strDevice, m_strMount));
+}
+
+TEST_F(MountedCard, IsMountedThroughALinkAndUnmountedAgain)
+{
+    const std::string strLink = m_strDir + "/link";
+    std::filesystem::create_symlink(MakeFolder("mnt"), strLink);
+    ASSERT_EQ(0, Mount(m_loop.strDevice, strLink));
+    ASSERT_EQ(1, Mounts());
+    EXPECT_EQ(0, QN_PLATFORM_RunCommand(("umount " + strLink + "; rm -rf " + strLink).c_str()));
+    EXPECT_EQ(0, Mounts());
+    EXPECT_FALSE(IsThere(strLink));
+    EXPECT_FALSE(IsThere(m_strMount));
 }
 
 TEST_F(MountedCard, IsRecognisedThroughLinks)

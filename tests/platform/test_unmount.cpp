@@ -207,14 +207,64 @@ TEST_F(UnmountCard, KeepsFilesThatLayBelowTheMount)
     EXPECT_EQ("kept", ReadFile(strHidden));
 }
 
-TEST_F(UnmountCard, LeavesALinkToAMountPointAlone)
+TEST_F(UnmountCard, TakesOffWhatALinkLeadsToAndRemovesBoth)
+{
+    const std::string strLink = m_strDir + "/link";
+    std::filesystem::create_symlink(m_strMount, strLink);
+    EXPECT_EQ(0, RunUnmountLine(strLink));
+    EXPECT_FALSE(IsThere(strLink));
+    EXPECT_FALSE(IsThere(m_strMount));
+}
+
+TEST_F(UnmountCard, FollowsALinkToARelativeLink)
+{
+    std::filesystem::create_symlink("card", m_strDir + "/second");
+    std::filesystem::create_symlink("second", m_strDir + "/first");
+    EXPECT_EQ(0, RunUnmountLine(m_strDir + "/first/"));
+    EXPECT_FALSE(IsThere(m_strDir + "/first"));
+    EXPECT_FALSE(IsThere(m_strMount));
+    EXPECT_TRUE(IsThere(m_strDir + "/second")); // rm would leave it, too
+}
+
+TEST_F(UnmountCard, LeavesALinkAndItsBusyCardAlone)
 {
     const std::string strFile = MakeFile("card/recording");
     const std::string strLink = m_strDir + "/link";
     std::filesystem::create_symlink(m_strMount, strLink);
+    const int s32Open = open(strFile.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_NE(0, RunUnmountLine(strLink));
-    EXPECT_TRUE(Exists(strLink));
+    EXPECT_TRUE(IsThere(strLink));
     EXPECT_EQ("kept", ReadFile(strFile));
+    close(s32Open);
+}
+
+TEST_F(UnmountCard, RemovesTheLinkThoughFilesLayBelowTheMount)
+{
+    const std::string strFolder = MakeFolder("used");
+    const std::string strHidden = MakeFile("used/hidden");
+    const std::string strLink = m_strDir + "/link";
+    ASSERT_TRUE(Mount(strFolder));
+    std::filesystem::create_symlink(strFolder, strLink);
+    EXPECT_EQ(0, RunUnmountLine(strLink));
+    EXPECT_FALSE(IsThere(strLink));
+    EXPECT_EQ("kept", ReadFile(strHidden));
+}
+
+TEST_F(UnmountCard, LeavesLinksAloneThatLeadToNoCardOrAreSomebodyElses)
+{
+    const std::string strFolder = MakeFolder("plain");
+    const std::string strPlain = m_strDir + "/to-plain";
+    const std::string strForeign = m_strDir + "/foreign";
+    std::filesystem::create_symlink(strFolder, strPlain);
+    std::filesystem::create_symlink(m_strMount, strForeign);
+    ASSERT_EQ(0, lchown(strForeign.c_str(), 65534, 65534));
+    EXPECT_NE(0, RunUnmountLine(strPlain));
+    EXPECT_NE(0, RunUnmountLine(strForeign));
+    for (const std::string &strPath : {strFolder, strPlain, strForeign, m_strMount})
+    {
+        EXPECT_TRUE(IsThere(strPath)) << strPath;
+    }
+    EXPECT_TRUE(PLATFORM_TableHasMount(PLATFORM_ReadMountTable(), m_strMount));
 }
 
 TEST_F(UnmountCard, FindsAMountPointBelowALinkedFolder)
