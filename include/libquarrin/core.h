@@ -30,8 +30,9 @@ QN_API uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle
 /// Closes everything of a handle: finishes and frees its record sessions, closes its replays, unmounts a mounted card,
 /// stops its threads and frees it.
 ///
-/// The host calls nothing else on the handle, its sessions or its replays while this runs, and lets a running format
-/// end first; a format that still runs is left alone and reports to nobody.
+/// The host begins no other call on the handle, its sessions or its replays while this runs. Calls on sessions and
+/// replays that began before are waited for, their destroys and closes too. A running format is let end first; one that
+/// still runs is left alone and reports to nobody.
 ///
 /// \param pHandle  [in, out] set to null.
 ///
@@ -39,7 +40,8 @@ QN_API uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle
 ///
 /// Threads: any but the library's own; one call only.
 /// Locks:   mutexRecordList, mutexReplayList, mutexState, and the sessions' mutexes; call it holding none of them.
-/// Blocks:  for the trailers of the open files, the unmount command, and the event that is being handled.
+/// Blocks:  for the trailers of the open files, the calls on sessions and replays, the unmount command, and the event
+///          that is being handled.
 QN_API uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle);
 
 /// Reads the life-cycle state of the storage.

@@ -87,16 +87,20 @@ QN_API uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pP
 /// Opens the first file; writing begins with the first key frame.
 ///
 /// Two sessions of a handle never share a path: when another one has begun a file of this name in this second, the call
-/// waits for the next second.
+/// waits for a second of its own. A stop or a destroy of the session meanwhile ends it with 3 and nothing is begun, and so
+/// does a card that is pulled; the session is busy for another start. It gives up when the clock stands still for three
+/// seconds.
 ///
 /// \param pSession    the session, idle.
 /// \param pszNameTag  comment for the file names; null for none. Copied.
 ///
-/// \return 0 started; 1 pSession is null; 3 not mounted (logged), or not idle; 7 the file could not be opened.
+/// \return 0 started; 1 pSession is null; 3 not mounted (logged), not idle (at once), or ended by somebody; 7 the file
+///         could not be opened, or the clock stands still (logged).
 ///
 /// Threads: any.
 /// Locks:   stMutex.
-/// Blocks:  on the file system; while an unmount command runs; up to a second as said above.
+/// Blocks:  on the file system; while an unmount command runs; for a second of its own as said above, one for each session
+///          that wants the same name.
 QN_API uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag);
 
 /// Drops frames until QN_RecordResume and a key frame after it; the file stays open.
@@ -116,7 +120,8 @@ QN_API uint32_t QN_RecordResume(tagQN_RECORD_HANDLER_S *pSession);
 
 /// Ends the recording: finishes the file (see QN_RecordClosePostProcess). A file shorter than 5 s is removed.
 ///
-/// Also ends QN_RECORD_STATE_STOPPING after the card was pulled, so that the session can be started again.
+/// Also ends QN_RECORD_STATE_STOPPING after the card was pulled, so that the session can be started again, and a start
+/// that waits: none begins to record once this has returned.
 ///
 /// \return 0 done; 1 pSession is null.
 ///
@@ -140,9 +145,9 @@ QN_API int64_t QN_REcordGetWriteBytes(tagQN_RECORD_HANDLER_S *pSession);
 ///
 /// \return 0.
 ///
-/// Threads: any; no other call on the session is made from then on.
+/// Threads: any; no other call on the session begins from then on. Those that have begun are waited for.
 /// Locks:   stMutex, mutexRecordList.
-/// Blocks:  for trailers, and while the event queue is full (holding no lock then).
+/// Blocks:  for trailers, for the calls on the session, and while the event queue is full (holding no lock then).
 QN_API uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession, tagBU_BOOL bUnlink);
 /// QN_RecordDestroy with bUnlink true.
 QN_API uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession);

@@ -104,8 +104,9 @@ QN_API uint32_t QN_ReplaySeekTime(tagQN_REPLAY_HANDLER_S *pReplayHandler, uint64
 ///
 /// \return 0 done; 1 pReplayHandler is null.
 ///
-/// Threads: any; no other call on the replay is made from then on.
+/// Threads: any; no other call on the replay begins from then on. Those that have begun are waited for.
 /// Locks:   mutexReplay, then mutexReplayList, one after the other.
+/// Blocks:  for the calls on the replay.
 QN_API int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemove);
 /// QN_ReplayClose with bRemove true.
 QN_API int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler);

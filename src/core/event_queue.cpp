@@ -30,10 +30,10 @@ static bool IsDispatcherLocked(const tagQN_HANDLER_S *pHandle)
     return pPrivate->bDispatching && pthread_equal(pPrivate->tidDispatcher, pthread_self()) != 0;
 }
 
-bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload)
+// Queues the event, or drops it after a shut-down. False: the ring is full. spOld takes what the slot held.
+static bool TryPushLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
+                          std::shared_ptr<void> &spOld)
 {
-    std::shared_ptr<void> spOld; // released after the lock
-    UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
     if (pHandle->bEventExit)
     {
         return true;
@@ -41,7 +41,6 @@ bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::s
     if (pHandle->u32EventCount < QN_EVENT_SLOTS)
     {
         spOld = StoreLocked(pHandle, enEvent, spPayload);
-        lock.reset();
         return true;
     }
     if (IsDispatcherLocked(pHandle))
@@ -51,6 +50,13 @@ bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::s
         return true;
     }
     return false;
+}
+
+bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload)
+{
+    std::shared_ptr<void> spOld; // released after the lock
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    return TryPushLocked(pHandle, enEvent, spPayload, spOld);
 }
 
 bool QN_EVENT_HasRoom(tagQN_HANDLER_S *pHandle)
@@ -76,15 +82,31 @@ void QN_EVENT_ShutDown(tagQN_HANDLER_S *pHandle)
     pthread_cond_broadcast(&pHandle->condEvent);
 }
 
-// Counts the calls that will look at the handle again.
-static void CountProducer(tagQN_HANDLER_S *pHandle, bool bBegins)
+// Posts, and waits for room where there is none. pCallers is let go of before the wait: a handler may want it. The call is
+// counted by then, so that nobody takes the handle away from under it.
+static void Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
+                 UTIL_LOCK *pCallers)
 {
+    std::shared_ptr<void> spOld; // released after the lock
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    if (TryPushLocked(pHandle, enEvent, spPayload, spOld))
+    {
+        return;
+    }
     uint32_t &u32Producers = pHandle->pstPrivate->u32Producers;
-    u32Producers = bBegins ? u32Producers + 1 : u32Producers - 1;
+    u32Producers += 1;
+    if (pCallers != nullptr)
+    {
+        pCallers->reset();
+    }
+    while (!TryPushLocked(pHandle, enEvent, spPayload, spOld))
+    {
+        pthread_cond_wait(&pHandle->condEvent, &pHandle->mutexEvent);
+    }
+    u32Producers -= 1;
     if (pHandle->bEventExit)
     {
-        pthread_cond_broadcast(&pHandle->condEvent);
+        pthread_cond_broadcast(&pHandle->condEvent); // QN_EVENT_WaitForProducers
     }
 }
 
@@ -104,27 +126,14 @@ int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::sh
         // A host's own; the session may go before the event is taken out.
         QN_SPLIT_Add(pHandle, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
     }
-    if (QN_EVENT_TryPush(pHandle, enEvent, spPayload))
-    {
-        return 0;
-    }
-    CountProducer(pHandle, true);
-    while (!QN_EVENT_TryPush(pHandle, enEvent, spPayload))
-    {
-        QN_EVENT_WaitForRoom(pHandle);
-    }
-    CountProducer(pHandle, false);
+    Push(pHandle, enEvent, spPayload, nullptr);
     return 0;
 }
 
 void QN_EVENT_PushUnlocking(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
                             UTIL_LOCK &lock)
 {
-    if (!QN_EVENT_TryPush(pHandle, enEvent, spPayload))
-    {
-        lock.reset();
-        (void)QN_EVENT_PushEvent(pHandle, enEvent, spPayload); // always 0
-    }
+    Push(pHandle, enEvent, spPayload, &lock);
 }
 
 } // namespace libquarrin

@@ -130,13 +130,18 @@ int32_t QN_STORAGE_Destroy(tagQN_HANDLER_S *pHandle)
     return 0;
 }
 
+static tagQN_RECORD_HANDLER_S *FirstSession(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+    return pHandle->lstRecord.empty() ? nullptr : pHandle->lstRecord.front();
+}
+
+// The list is held for a look at its head alone: a destroy waits, and what it waits for may want the list.
 static void DestroySessions(tagQN_HANDLER_S *pHandle)
 {
-    UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
-    while (!pHandle->lstRecord.empty())
+    while (tagQN_RECORD_HANDLER_S *pSession = FirstSession(pHandle))
     {
-        QN_RECORD_DestroySession(pHandle->lstRecord.front(), false, &lock);
-        pHandle->lstRecord.pop_front();
+        QN_RECORD_DestroySession(pSession, true);
     }
 }
 
@@ -160,6 +165,7 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     {
         QN_EVENT_ShutDown(pHandle); // nobody will ever make room in the ring: posts are dropped, also those that wait
     }
+    UTIL_CALLS_Wait(pHandle->pstPrivate->stEnds); // destroys and closes that began before
     DestroySessions(pHandle);
     CloseReplays(pHandle);
     QN_FORMAT_Detach(pHandle);

@@ -1,7 +1,8 @@
 // What a handle and a session hold beyond their public fields.
 //
-// Lock order, outermost first: mutexState; rwCard; a list's mutex; a session's stMutex; its mutexWriter; mutexFiles or
-// mutexEvent, both leaves. Nothing of it is held while a caller waits for room in the event ring.
+// Lock order, outermost first: mutexState; rwCard; a list's mutex; a session's stMutex; its mutexWriter; mutexFiles,
+// mutexEvent or a mutexCalls, all leaves. Nothing of it is held while a caller waits for room in the event ring, or a
+// destroy for the calls on its session.
 #ifndef QUARRIN_CORE_HANDLE_PRIVATE_H
 #define QUARRIN_CORE_HANDLE_PRIVATE_H
 
@@ -14,6 +15,7 @@
 
 #include "libquarrin/handle.h"
 #include "libquarrin/record.h"
+#include "util/calls.h"
 
 namespace libquarrin
 {
@@ -47,6 +49,8 @@ struct tagQN_HANDLER_PRIVATE_S
     uint32_t u32Producers = 0;                  ///< calls that wait for room, or have just got it
     std::list<tagQN_EVENT_SLOT_S> lstOwnEvents; ///< posted by handlers into a full ring; they take the next free slots
 
+    UTIL_CALLS_S stEnds; ///< destroys of sessions and closes of replays; QN_Destroy waits for them
+
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
 
     std::atomic<bool> bSeenPresent{false}; ///< what the last probe or hotplug event saw of the device
@@ -60,10 +64,14 @@ struct tagQN_RECORD_PRIVATE_S
     /// Guards pWriter and the calls on it against QN_REcordGetWriteBytes, which holds nothing else.
     pthread_mutex_t mutexWriter = PTHREAD_MUTEX_INITIALIZER;
 
+    UTIL_CALLS_S stCalls; ///< every call on the session; QN_RecordDestroy waits for them
+
+    // Atomic; readers take no lock
+    std::atomic<bool> bStarting{false}; ///< a start is under way: it may be waiting for a second of its own
+    std::atomic<uint32_t> u32Stops{0};  ///< stops and destroys so far; changed under stMutex. They end a start
+
     // Guarded by the session's stMutex
-    uint32_t u32Waiting = 0;                               ///< frame calls that wait for ring room without stMutex
-    pthread_cond_t condWaiting = PTHREAD_COND_INITIALIZER; ///< one of them came back
-    bool bPathClaimed = false;                             ///< strFilePath stands in lstWriting for this session
+    bool bPathClaimed = false; ///< strFilePath stands in lstWriting for this session
 
     bool bOwnsParameterSets = false; ///< constant after QN_RecordInit
 };

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "libquarrin/naming.h"
+#include "record/session.h"
 #include "util/log.h"
 #include "util/results.h"
 
@@ -98,6 +99,7 @@ uint32_t QN_RecordClosePostProcess(tagQN_RECORD_HANDLER_S *pSession, void *pWrit
     {
         return QN_RET_NULL_HANDLE;
     }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     return Finish(CopyOf(pSession, __func__, pSession->pstMediaApi, pSession->strNameTag), pWriter, strFilePath, tStart,
                   tEnd);
 }
@@ -109,6 +111,7 @@ uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *p
     {
         return QN_RET_NULL_HANDLE;
     }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     const std::string strPath = strFilePath; // a private copy, as of all the rest
     return Finish(CopyOf(pSession, __func__, pSession->pstMediaApi, pSession->strNameTag), pWriter, strPath, tStart,
                   tEnd);

@@ -149,16 +149,12 @@ static QN_SPLIT_E SplitLocked(tagQN_RECORD_HANDLER_S *pSession, tagQN_FRAME_S &s
     return QN_SPLIT_E_DONE;
 }
 
-// Lets go of the session until the ring has room. A destroy meanwhile waits for this call to come back.
+// Lets go of the session until the ring has room. A destroy meanwhile waits for this call, as for all.
 static void WaitForRoom(tagQN_RECORD_HANDLER_S *pSession, UTIL_LOCK &lock)
 {
-    tagQN_RECORD_PRIVATE_S *pPrivate = pSession->pstPrivate;
-    pPrivate->u32Waiting += 1;
     lock.reset();
     QN_EVENT_WaitForRoom(pSession->pstHandle);
     lock = UTIL_LOCK_Scoped(pSession->stMutex);
-    pPrivate->u32Waiting -= 1;
-    pthread_cond_broadcast(&pPrivate->condWaiting);
 }
 
 static void WriteLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
@@ -179,6 +175,7 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
     {
         return QN_RET_NULL_PARAM;
     }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
     tagQN_FRAME_S stFrame = {pu8Data, u32Len, u64Pts, bKey != 0, bVideo, false};
     time_t tNow = time(nullptr);

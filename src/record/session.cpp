@@ -7,13 +7,13 @@
 #include <new>
 
 #include <time.h>
-#include <unistd.h>
 
 #include "core/handle_private.h"
 #include "libquarrin/naming.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
+#include "util/pause.h"
 #include "util/results.h"
 
 namespace libquarrin
@@ -21,7 +21,7 @@ namespace libquarrin
 
 // A start whose name is taken waits for the next second; a clock that stands still must not hold it for good.
 constexpr useconds_t NAME_PAUSE_US = 10000;
-constexpr int64_t NAME_TRIES = 300;
+constexpr int64_t STANDING_US = 3000000;
 
 static tagQN_RECORD_HANDLER_S *Allocate()
 {
@@ -100,6 +100,15 @@ uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pParam, t
     return QN_RET_OK;
 }
 
+UTIL_CALL QN_RECORD_BeginCall(const tagQN_RECORD_HANDLER_S *pSession)
+{
+    if (pSession->pstPrivate == nullptr)
+    {
+        return UTIL_CALL(nullptr, UTIL_CALL_End);
+    }
+    return UTIL_CALL_Begin(pSession->pstPrivate->stCalls);
+}
+
 std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t tStart)
 {
     const tagQN_HANDLER_S *pHandle = pSession->pstHandle;
@@ -143,33 +152,54 @@ static uint32_t OpenFirstFileLocked(tagQN_RECORD_HANDLER_S *pSession)
     return QN_RET_OK;
 }
 
-// One try at a start. False: another file in progress has the name of this second.
-static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag, bool bFirstTry, uint32_t &u32Result)
+/// One call of QN_RecordStart.
+struct tagQN_START_S
 {
-    constexpr const char *FUNC = "QN_RecordStart";
+    const char *pszNameTag;
+    uint32_t u32Stops;  ///< of the session, before the call began
+    bool bFirstTry;     ///< the name was not tried yet
+    time_t tTried;      ///< second of the latest try
+    int64_t s64SinceUs; ///< when this second was first seen, CLOCK_MONOTONIC
+};
+
+static bool IsMounted(const tagQN_RECORD_HANDLER_S *pSession)
+{
+    if (pSession->pstHandle->enState.load() != QN_STATE_E_MOUNTED)
+    {
+        QN_LOG_ERROR_AS("QN_RecordStart", "Cannot start record, storage is not mounted");
+        return false;
+    }
+    return true;
+}
+
+// One try at a start. False: another file in progress has the name of this second.
+static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart, uint32_t &u32Result)
+{
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
     // The gate: nobody opens a file on a card whose unmount has begun.
     const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
     u32Result = QN_RET_STATE;
-    if (pHandle->enState.load() != QN_STATE_E_MOUNTED)
+    if (!IsMounted(pSession))
     {
-        QN_LOG_ERROR_AS(FUNC, "Cannot start record, storage is not mounted");
         return true;
     }
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
-    if (pSession->enRecordState.load() != QN_RECORD_STATE_IDLE)
+    // Stopped meanwhile, or pulled: a start never begins to record after a stop has returned.
+    if (pSession->enRecordState.load() != QN_RECORD_STATE_IDLE || pSession->pstPrivate->u32Stops != stStart.u32Stops)
     {
         return true;
     }
-    if (bFirstTry)
+    if (stStart.bFirstTry)
     {
-        QN_LOG_INFO_AS(FUNC, "record opening...");
+        QN_LOG_INFO_AS("QN_RecordStart", "record opening...");
+        stStart.bFirstTry = false;
     }
     ReleasePathLocked(pSession);
-    pSession->tFileStart = time(nullptr);
+    stStart.tTried = time(nullptr);
+    pSession->tFileStart = stStart.tTried;
     pSession->tRunStart = 0;
     pSession->u32RunSeconds = 0;
-    pSession->strNameTag = pszNameTag == nullptr ? "" : pszNameTag;
+    pSession->strNameTag = stStart.pszNameTag == nullptr ? "" : stStart.pszNameTag;
     pSession->strFilePath = QN_RECORD_PathLocked(pSession, pSession->tFileStart);
     if (!QN_WRITING_Claim(pHandle, pSession->strFilePath))
     {
@@ -180,23 +210,58 @@ static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag, b
     return true;
 }
 
+// Tries until a second is the session's own. One that many want may take a while; only a clock that stands still does not
+// bring another.
+static uint32_t StartInItsSecond(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart)
+{
+    uint32_t u32Result = QN_RET_OK;
+    time_t tBefore = 0;
+    while (!TryStart(pSession, stStart, u32Result))
+    {
+        const int64_t s64NowUs = UTIL_NowUs();
+        if (stStart.s64SinceUs == 0 || stStart.tTried != tBefore)
+        {
+            stStart.s64SinceUs = s64NowUs;
+        }
+        tBefore = stStart.tTried;
+        if (s64NowUs - stStart.s64SinceUs >= STANDING_US)
+        {
+            QN_LOG_ERROR_AS("QN_RecordStart",
+                            "another recording has the name of this second, and the clock stands still");
+            return QN_RET_OPEN;
+        }
+        UTIL_Pause(NAME_PAUSE_US); // holding no lock
+    }
+    return u32Result;
+}
+
 uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag)
 {
     if (pSession == nullptr)
     {
         return QN_RET_NULL_HANDLE;
     }
-    uint32_t u32Result = QN_RET_OK;
-    for (int64_t i = 0; i < NAME_TRIES; ++i)
+    tagQN_RECORD_PRIVATE_S *pPrivate = pSession->pstPrivate;
+    // Before the call counts, so that it sees every stop and destroy that does not see it.
+    tagQN_START_S stStart = {pszNameTag, pPrivate->u32Stops.load(), true, 0, 0};
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
+    if (!IsMounted(pSession))
     {
-        if (TryStart(pSession, pszNameTag, i == 0, u32Result))
-        {
-            return u32Result;
-        }
-        usleep(NAME_PAUSE_US); // holding no lock
+        return QN_RET_STATE;
     }
-    QN_LOG_ERROR("another recording has the name of this second, and the clock stands still");
-    return QN_RET_OPEN;
+    // A busy session is told so without a wait for the card.
+    if (pSession->enRecordState.load() != QN_RECORD_STATE_IDLE || pPrivate->bStarting.exchange(true))
+    {
+        return QN_RET_STATE;
+    }
+    const std::unique_ptr<std::atomic<bool>, void (*)(std::atomic<bool> *)> starting(
+        &pPrivate->bStarting, [](std::atomic<bool> *pStarting) { *pStarting = false; });
+    return StartInItsSecond(pSession, stStart);
+}
+
+bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession)
+{
+    return pSession->enRecordState.load() == QN_RECORD_STATE_IDLE && !pSession->pstPrivate->bStarting;
 }
 
 uint32_t QN_RecordPause(tagQN_RECORD_HANDLER_S *pSession)
@@ -205,6 +270,7 @@ uint32_t QN_RecordPause(tagQN_RECORD_HANDLER_S *pSession)
     {
         return QN_RET_NULL_HANDLE;
     }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
     const QN_RECORD_STATE_E enState = pSession->enRecordState.load();
     if (enState != QN_RECORD_STATE_WAIT_KEY && enState != QN_RECORD_STATE_RUNNING)
@@ -224,6 +290,7 @@ uint32_t QN_RecordResume(tagQN_RECORD_HANDLER_S *pSession)
     {
         return QN_RET_NULL_HANDLE;
     }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
     if (pSession->enRecordState.load() != QN_RECORD_STATE_PAUSED)
     {
@@ -239,11 +306,13 @@ uint32_t QN_RecordStopNoLock(tagQN_RECORD_HANDLER_S *pSession, tagBU_BOOL bLock)
     {
         return QN_RET_NULL_HANDLE;
     }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     UTIL_LOCK lock(nullptr, pthread_mutex_unlock);
     if (bLock != 0)
     {
         lock = UTIL_LOCK_Scoped(pSession->stMutex);
     }
+    pSession->pstPrivate->u32Stops += 1; // ends a start that is under way
     pSession->enRecordState = QN_RECORD_STATE_STOPPING;
     void *pWriter = QN_RECORD_TakeWriterLocked(pSession);
     if (pWriter != nullptr)
@@ -263,7 +332,12 @@ uint32_t QN_RecordStop(tagQN_RECORD_HANDLER_S *pSession)
 
 int64_t QN_REcordGetWriteBytes(tagQN_RECORD_HANDLER_S *pSession)
 {
-    if (pSession == nullptr || pSession->pstMediaApi->pfnGetWriteBytes == nullptr)
+    if (pSession == nullptr)
+    {
+        return -1;
+    }
+    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
+    if (pSession->pstMediaApi->pfnGetWriteBytes == nullptr)
     {
         return -1;
     }

@@ -6,20 +6,25 @@
 #include <string>
 
 #include "libquarrin/record.h"
-#include "util/lock.h"
+#include "util/calls.h"
 
 namespace libquarrin
 {
 
-/// Stops, finishes and frees a session.
+/// Begins a call on a session: its first step, and QN_RecordDestroy waits for the call from then on. Empty for a record
+/// that is no session of the library's.
+[[nodiscard]] UTIL_CALL QN_RECORD_BeginCall(const tagQN_RECORD_HANDLER_S *pSession);
+
+/// Stops, finishes and frees a session; waits for the calls on it.
 ///
-/// \param pSession   the session; freed.
-/// \param bUnlink    take it out of the handle's list.
-/// \param pListLock  the held mutexRecordList of a caller that empties the list, or null. It is let go of while the
-///                   call waits, and held again when it returns.
+/// \param pSession  the session; freed.
+/// \param bUnlink   take it out of the handle's list.
 ///
-/// Threads: any. Locks: stMutex, mutexRecordList, one after the other.
-void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink, UTIL_LOCK *pListLock);
+/// Threads: any. Locks: stMutex, mutexRecordList, one after the other; none while it waits.
+void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink);
+
+/// The session is not recording, and no start of it is under way. The caller holds stMutex, so that none comes to its end.
+bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession);
 
 /// The session's in-progress path for a file that begins at a second. The caller holds stMutex.
 std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t tStart);

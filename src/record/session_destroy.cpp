@@ -1,6 +1,6 @@
 // The end of a record session, and the switch of automatic deletion.
 // Threads: the host's. Locks: stMutex, then mutexRecordList, one after the other and never nested: a hot-unplug takes
-// them the other way round. None is held while waiting for ring room.
+// them the other way round. None is held while waiting, be it for ring room or for calls on the session.
 
 #include "record/session.h"
 
@@ -16,8 +16,10 @@
 namespace libquarrin
 {
 
-static void StopLocked(tagQN_RECORD_HANDLER_S *pSession)
+static void Stop(tagQN_RECORD_HANDLER_S *pSession)
 {
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+    pSession->pstPrivate->u32Stops += 1; // a start that is under way ends, and none begins to record
     const QN_RECORD_STATE_E enState = pSession->enRecordState.load();
     if (enState != QN_RECORD_STATE_IDLE)
     {
@@ -27,76 +29,33 @@ static void StopLocked(tagQN_RECORD_HANDLER_S *pSession)
     }
 }
 
-// Posts the last quota check; a full ring makes it let go of the locks until there is room.
-static void PostQuota(tagQN_RECORD_HANDLER_S *pSession, UTIL_LOCK &lock, UTIL_LOCK *pListLock)
+static void Free(tagQN_RECORD_HANDLER_S *pSession)
 {
-    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
-    const auto spVolume = std::make_shared<QN_VOLUME_ID_E>(pSession->enVolumeId);
-    if (QN_EVENT_TryPush(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume))
-    {
-        return;
-    }
-    lock.reset();
-    if (pListLock != nullptr)
-    {
-        pListLock->reset();
-    }
-    (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume); // always 0
-    if (pListLock != nullptr)
-    {
-        *pListLock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
-    }
-    lock = UTIL_LOCK_Scoped(pSession->stMutex);
-}
-
-// Frame calls that wait for ring room come back to the session once more: it must still be there.
-static void WaitForFrameCalls(tagQN_RECORD_HANDLER_S *pSession, UTIL_LOCK &lock, UTIL_LOCK *pListLock)
-{
-    tagQN_RECORD_PRIVATE_S *pPrivate = pSession->pstPrivate;
-    if (pPrivate->u32Waiting == 0)
-    {
-        return;
-    }
-    if (pListLock != nullptr)
-    {
-        pListLock->reset();
-    }
-    while (pPrivate->u32Waiting > 0)
-    {
-        pthread_cond_wait(&pPrivate->condWaiting, &pSession->stMutex);
-    }
-    if (pListLock != nullptr)
-    {
-        lock.reset();
-        *pListLock = UTIL_LOCK_Scoped(pSession->pstHandle->mutexRecordList);
-        lock = UTIL_LOCK_Scoped(pSession->stMutex);
-    }
-}
-
-void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink, UTIL_LOCK *pListLock)
-{
-    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
-    UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
-    StopLocked(pSession);
-    QN_SPLIT_FinishAll(pHandle, pSession);
-    PostQuota(pSession, lock, pListLock);
-    WaitForFrameCalls(pSession, lock, pListLock);
-    if (bUnlink)
-    {
-        // A handler that has found the session in the list is done with it once the list is ours.
-        lock.reset();
-        const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
-        pHandle->lstRecord.remove(pSession);
-        lock = UTIL_LOCK_Scoped(pSession->stMutex);
-    }
     if (pSession->pstPrivate->bOwnsParameterSets)
     {
         QN_BYTES_free(pSession->stParam.stVideo.stSps);
         QN_BYTES_free(pSession->stParam.stVideo.stPps);
     }
-    lock.reset();
     delete pSession->pstPrivate;
     delete pSession;
+}
+
+void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink)
+{
+    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    Stop(pSession);
+    QN_SPLIT_FinishAll(pHandle, pSession);
+    (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_THROTTLE,
+                             std::make_shared<QN_VOLUME_ID_E>(pSession->enVolumeId)); // always 0
+    // With nothing held: calls that have begun want stMutex, and the card gate, behind which an unplug may want the list.
+    UTIL_CALLS_Wait(pSession->pstPrivate->stCalls);
+    if (bUnlink)
+    {
+        // A handler that has found the session in the list is done with it once the list is ours.
+        const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+        pHandle->lstRecord.remove(pSession);
+    }
+    Free(pSession);
 }
 
 uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession, tagBU_BOOL bUnlink)
@@ -105,7 +64,8 @@ uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession, tagBU_BOOL bUnlink)
     {
         return QN_RET_OK;
     }
-    QN_RECORD_DestroySession(pSession, bUnlink != 0, nullptr);
+    const UTIL_CALL end = UTIL_CALL_Begin(pSession->pstHandle->pstPrivate->stEnds); // ends when the session is gone
+    QN_RECORD_DestroySession(pSession, bUnlink != 0);
     pSession = nullptr;
     return QN_RET_OK;
 }

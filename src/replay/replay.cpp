@@ -19,6 +19,18 @@
 namespace libquarrin
 {
 
+/// A replay with what hosts do not see.
+struct tagQN_REPLAY_PRIVATE_S : tagQN_REPLAY_HANDLER_S
+{
+    UTIL_CALLS_S stCalls; ///< every call on the replay; QN_ReplayClose waits for them
+};
+
+// Every replay was made by OpenGated.
+static tagQN_REPLAY_PRIVATE_S *PrivateOf(tagQN_REPLAY_HANDLER_S *pReplayHandler)
+{
+    return static_cast<tagQN_REPLAY_PRIVATE_S *>(pReplayHandler);
+}
+
 // Null handle and mount state, logged under the caller's name. Call it with the card gate held.
 static uint32_t CheckMounted(const tagQN_HANDLER_S *pHandle, const char *pszFunc)
 {
@@ -110,7 +122,7 @@ static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stI
         QN_LOG_ERROR_AS(FUNC, "file %s format not supported", stInfo.strPath.c_str());
         return QN_RET_OPEN;
     }
-    tagQN_REPLAY_HANDLER_S *pReplay = new (std::nothrow) tagQN_REPLAY_HANDLER_S();
+    tagQN_REPLAY_PRIVATE_S *pReplay = new (std::nothrow) tagQN_REPLAY_PRIVATE_S();
     if (pReplay == nullptr)
     {
         return QN_RET_NO_MEMORY;
@@ -221,6 +233,7 @@ static uint32_t CallReader(tagQN_REPLAY_HANDLER_S *pReplayHandler, SLOT tagQN_ME
     {
         return QN_RET_NULL_HANDLE;
     }
+    const UTIL_CALL call = UTIL_CALL_Begin(PrivateOf(pReplayHandler)->stCalls); // a close waits for it from here on
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplayHandler->mutexReplay);
     const SLOT pfnSlot = pReplayHandler->pstMediaApi->*pSlot;
     if (pReplayHandler->pReader == nullptr || pfnSlot == nullptr)
@@ -280,15 +293,18 @@ int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemo
     {
         return static_cast<int32_t>(QN_RET_NULL_HANDLE);
     }
+    tagQN_HANDLER_S *pHandle = pReplayHandler->pHandle;
+    const UTIL_CALL end = UTIL_CALL_Begin(pHandle->pstPrivate->stEnds); // ends when the replay is gone
     CloseReader(pReplayHandler);
+    UTIL_CALLS_Wait(PrivateOf(pReplayHandler)->stCalls); // they want mutexReplay alone; the list may be the caller's
     if (bRemove != 0)
     {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplayHandler->pHandle->mutexReplayList);
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
         (void)puts("pReplayHandler remove");
-        pReplayHandler->pHandle->lstReplay.remove(pReplayHandler);
+        pHandle->lstReplay.remove(pReplayHandler);
     }
     FreeFrameOut(pReplayHandler);
-    delete pReplayHandler;
+    delete PrivateOf(pReplayHandler);
     QN_TRACE("delete pReplayHandler\n");
     pReplayHandler = nullptr;
     return 0;

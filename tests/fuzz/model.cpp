@@ -6,7 +6,6 @@ using namespace libquarrin;
 
 constexpr int64_t SECOND_US = 1000000;
 constexpr int64_t NAME_PAUSE_US = 10000; // between two tries at a name that is taken
-constexpr int32_t NAME_TRIES = 300;
 constexpr int32_t THROTTLE_CALLS = 200;
 constexpr int64_t SHORTEST_SECONDS = 5;
 
@@ -89,7 +88,7 @@ uint32_t MODEL_Start(MODEL_S &stModel, int32_t s32Session, const char *pszTag)
     {
         return 3;
     }
-    for (int32_t i = 0; i < NAME_TRIES; ++i)
+    for (;;) // the clock moves with every pause
     {
         Release(stModel, stSession);
         stSession.s64FileStart = MODEL_Now(stModel);
@@ -111,7 +110,6 @@ uint32_t MODEL_Start(MODEL_S &stModel, int32_t s32Session, const char *pszTag)
         }
         stModel.s64ClockUs += NAME_PAUSE_US;
     }
-    return 7;
 }
 
 uint32_t MODEL_Pause(MODEL_S &stModel, int32_t s32Session)
