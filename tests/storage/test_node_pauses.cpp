@@ -5,9 +5,11 @@
 #include <vector>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "storage/storage_support.h"
 #include "support/capture.h"
 #include "support/card.h"
 #include "support/fake_platform.h"
@@ -73,6 +75,26 @@ TEST_F(NodePauses, AreNoneWhenTheNodeIsThere)
     const std::string strNode = TEST_Touch(m_dir.strPath + "/node");
     EXPECT_EQ(1u, QN_STORAGE_DeviceIsAccessible(strNode, strNode));
     EXPECT_TRUE(m_vecPauses.empty());
+}
+
+TEST_F(NodePauses, AreNoneAlsoForAHostThatHasClosedItsStandardInput)
+{
+    STDOUT_CAPTURE out;
+    const std::string strNode = TEST_Touch(m_dir.strPath + "/node");
+    const int s32Saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    const int32_t s32Before = TEST_OpenDescriptors();
+    close(STDIN_FILENO); // the next descriptor is 0
+    EXPECT_EQ(1u, QN_STORAGE_DeviceIsAccessible(strNode, strNode));
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)); // and is free again
+    EXPECT_EQ(s32Before - (s32Saved >= 0 ? 1 : 0), TEST_OpenDescriptors());
+    if (s32Saved >= 0)
+    {
+        dup2(s32Saved, STDIN_FILENO);
+        close(s32Saved);
+    }
+    EXPECT_TRUE(m_vecPauses.empty());
+    EXPECT_FALSE(out.Has("not found after creation"));
+    EXPECT_TRUE(FAKE_PLATFORM_LoggedExactly(4, "QN_STORAGE_DeviceIsAccessible", "open failed"));
 }
 
 TEST_F(NodePauses, AreMadeUpForAfterASignal)
