@@ -28,7 +28,7 @@ QN_API const char *QN_LibVersion();
 QN_API uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle);
 
 /// Closes everything of a handle: finishes and frees its record sessions, closes its replays, unmounts a mounted card,
-/// stops its threads and frees it.
+/// stops its threads and frees it. A card that an event mounts meanwhile is unmounted too.
 ///
 /// The host begins no other call on the handle, its sessions or its replays while this runs. Calls on sessions and
 /// replays that began before are waited for, their destroys and closes too. A running format is let end first; one that
@@ -41,7 +41,7 @@ QN_API uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle
 /// Threads: any but the library's own; one call only.
 /// Locks:   mutexRecordList, mutexReplayList, mutexState, and the sessions' mutexes; call it holding none of them.
 /// Blocks:  for the trailers of the open files, the calls on sessions and replays, the unmount command, and the event
-///          that is being handled.
+///          that is being handled; for commands below the mount point as QN_StorageUnMount does.
 QN_API uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle);
 
 /// Reads the life-cycle state of the storage.

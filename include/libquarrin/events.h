@@ -49,7 +49,7 @@ QN_API int32_t QN_EVENT_HandleHotplugIn(tagQN_HANDLER_S *pHandle);
 /// sessions'.
 QN_API int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle);
 
-/// The partition was mounted: makes the volume folders. Event thread.
+/// The partition was mounted: makes the volume folders, unless it was unmounted by the library meanwhile. Event thread.
 QN_API int32_t QN_EVENT_HandleMountDone(tagQN_HANDLER_S *pHandle);
 
 /// A format ended well: mounts the new partition. Event thread; takes mutexState.

@@ -9,6 +9,8 @@ namespace libquarrin
 
 /// Makes the folders of the enabled volumes and lets the next throttled check through. Returns 0.
 ///
+/// Does nothing on a card that the library has unmounted and not mounted again.
+///
 /// Threads: the event thread.
 /// Blocks:  for one command per volume.
 QN_API int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle);

@@ -24,7 +24,8 @@ constexpr uint32_t QN_MOUNT_FAILED = 0xffffffffu;
 /// Starts a format in the background: one partition over the whole card, a new file system, then a mount.
 ///
 /// A mounted card is unmounted by the host first. QN_GetState tells how it goes: QN_STATE_E_FORMATING, then
-/// QN_STATE_E_MOUNTED or, after a failure, QN_STATE_E_PLUGIN.
+/// QN_STATE_E_MOUNTED or, after a failure, QN_STATE_E_PLUGIN. The worker of an earlier format, whose card was pulled, does
+/// nothing more once this one has begun.
 ///
 /// \param pHandle   the handle; not checked for null.
 /// \param enFsType  file system; any other value lets the format fail after the partition table was rewritten.
@@ -49,15 +50,15 @@ QN_API uint32_t QN_StorageMount(tagQN_HANDLER_S *pHandle);
 /// Unmounts the card: every record session must be destroyed and every replay closed before.
 ///
 /// The command removes the mount directory afterwards. It is issued when the library has nothing open below it: a
-/// quota check or a listing that is running is waited for, and the folder commands of a mount, these for two seconds at
-/// most. A file that the host itself holds open there makes umount fail, and the rest of the command then deletes the
-/// card's files.
+/// quota check or a listing that is running is waited for, and so are the commands that make folders or move a file
+/// aside: as long as they run and the device is there, and two seconds more once it has gone. A file that the host
+/// itself holds open there makes umount fail, and the rest of the command then deletes the card's files.
 ///
 /// \return 0 unmounted (the command's own result is not looked at); 1 pHandle is null; 3 not mounted, or sessions open.
 ///
 /// Threads: any.
 /// Locks:   mutexState, mutexRecordList, mutexReplayList.
-/// Blocks:  for the command, and for a quota check or listing that is running.
+/// Blocks:  for the command, and for a quota check, a listing or another command that is running.
 QN_API uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle);
 
 /// Starts the hotplug monitor and looks at the storage for the first time; QN_Init calls it.
@@ -71,6 +72,9 @@ QN_API int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle);
 QN_API int32_t QN_STORAGE_CheckBlockDevExist(const char *pszPath);
 
 /// 0 when device and partition node exist; -1 no device; -2 a device but no partition node.
+///
+/// Here and in all calls below, the node of a partition is the device's name, a "p" and the number (mmcblk1p1). Where the
+/// name does not end in a digit and there is no such node but one without the "p" (sda1), it is that one.
 QN_API int32_t QN_STORAGE_CheckPartitionExist(const char *pszDevice, int32_t s32PartitionNo);
 
 /// 0 when the mount directory exists, -1 otherwise. The mount table is not looked at.

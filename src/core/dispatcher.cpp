@@ -32,6 +32,9 @@ int32_t QN_EVENT_Init(tagQN_HANDLER_S *pHandle)
         pHandle->u32EventCount = 0;
         pHandle->bEventExit = false;
         pHandle->pstPrivate->lstOwnEvents.clear();
+        pHandle->pstPrivate->u32PlugsAhead = 0;
+        pHandle->pstPrivate->u32OutcomesAhead = 0;
+        pHandle->pstPrivate->u32OutcomesOld = 0;
         for (tagQN_EVENT_SLOT_S &stSlot : pHandle->astEventQueue)
         {
             stSlot = tagQN_EVENT_SLOT_S();
@@ -78,6 +81,7 @@ static bool TakeEvent(tagQN_HANDLER_S *pHandle, tagQN_EVENT_SLOT_S &stEvent)
     stEvent = pHandle->astEventQueue[pHandle->u32EventHead];
     pHandle->u32EventHead = (pHandle->u32EventHead + 1) % QN_EVENT_SLOTS;
     pHandle->u32EventCount -= 1;
+    QN_EVENT_TakenLocked(pHandle, stEvent.enEvent);
 
     tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
     if (!pPrivate->lstOwnEvents.empty())

@@ -24,6 +24,68 @@ static std::shared_ptr<void> StoreLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E en
     return spOld;
 }
 
+static bool IsPlug(QN_EVENT_E enEvent)
+{
+    return enEvent == QN_EVENT_E_HOTPLUG_IN || enEvent == QN_EVENT_E_HOTPLUG_OUT;
+}
+
+// What a plug event tells counts from the begin of its post, before it waits for room or for its handler: the monitor
+// would take it for something new when it looks at the device meanwhile, and tell it twice.
+static void NotePlugLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
+{
+    if (IsPlug(enEvent))
+    {
+        pHandle->pstPrivate->u32PlugsAhead += 1;
+        pHandle->pstPrivate->bSeenPresent = enEvent == QN_EVENT_E_HOTPLUG_IN;
+    }
+}
+
+void QN_EVENT_NotePresence(tagQN_HANDLER_S *pHandle, bool bPresent)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    if (pHandle->pstPrivate->u32PlugsAhead == 0)
+    {
+        pHandle->pstPrivate->bSeenPresent = bPresent;
+    }
+}
+
+static void NoteOutcomeLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
+{
+    if (enEvent == QN_EVENT_E_FORMAT_SUCCESS || enEvent == QN_EVENT_E_FORMAT_FAILED)
+    {
+        pHandle->pstPrivate->u32OutcomesAhead += 1;
+    }
+}
+
+void QN_EVENT_OutdateOutcomes(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    pHandle->pstPrivate->u32OutcomesOld = pHandle->pstPrivate->u32OutcomesAhead;
+}
+
+// Counts down, but never below nothing: a host may call a handler itself.
+static bool TakeOne(uint32_t &u32Count)
+{
+    const bool bAny = u32Count > 0;
+    u32Count -= bAny ? 1 : 0;
+    return bAny;
+}
+
+bool QN_EVENT_TakeOutcome(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    (void)TakeOne(pHandle->pstPrivate->u32OutcomesAhead);
+    return !TakeOne(pHandle->pstPrivate->u32OutcomesOld); // they are handled in order: the old ones come first
+}
+
+void QN_EVENT_TakenLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
+{
+    if (IsPlug(enEvent))
+    {
+        (void)TakeOne(pHandle->pstPrivate->u32PlugsAhead);
+    }
+}
+
 static bool IsDispatcherLocked(const tagQN_HANDLER_S *pHandle)
 {
     const tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
@@ -40,6 +102,7 @@ static bool TryPushLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const st
     }
     if (pHandle->u32EventCount < QN_EVENT_SLOTS)
     {
+        NoteOutcomeLocked(pHandle, enEvent);
         spOld = StoreLocked(pHandle, enEvent, spPayload);
         return true;
     }
@@ -47,6 +110,7 @@ static bool TryPushLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const st
     {
         // A handler that waited for room here would wait for itself.
         pHandle->pstPrivate->lstOwnEvents.push_back({enEvent, spPayload});
+        NoteOutcomeLocked(pHandle, enEvent);
         return true;
     }
     return false;
@@ -82,6 +146,22 @@ void QN_EVENT_ShutDown(tagQN_HANDLER_S *pHandle)
     pthread_cond_broadcast(&pHandle->condEvent);
 }
 
+static void CountProducerLocked(tagQN_HANDLER_S *pHandle, bool bBegins)
+{
+    uint32_t &u32Producers = pHandle->pstPrivate->u32Producers;
+    u32Producers = bBegins ? u32Producers + 1 : u32Producers - 1;
+    if (pHandle->bEventExit)
+    {
+        pthread_cond_broadcast(&pHandle->condEvent); // QN_EVENT_WaitForProducers
+    }
+}
+
+void QN_EVENT_CountProducer(tagQN_HANDLER_S *pHandle, bool bBegins)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    CountProducerLocked(pHandle, bBegins);
+}
+
 // Posts, and waits for room where there is none. pCallers is let go of before the wait: a handler may want it. The call is
 // counted by then, so that nobody takes the handle away from under it.
 static void Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
@@ -89,12 +169,12 @@ static void Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared
 {
     std::shared_ptr<void> spOld; // released after the lock
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+    NotePlugLocked(pHandle, enEvent);
     if (TryPushLocked(pHandle, enEvent, spPayload, spOld))
     {
         return;
     }
-    uint32_t &u32Producers = pHandle->pstPrivate->u32Producers;
-    u32Producers += 1;
+    CountProducerLocked(pHandle, true);
     if (pCallers != nullptr)
     {
         pCallers->reset();
@@ -103,11 +183,7 @@ static void Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared
     {
         pthread_cond_wait(&pHandle->condEvent, &pHandle->mutexEvent);
     }
-    u32Producers -= 1;
-    if (pHandle->bEventExit)
-    {
-        pthread_cond_broadcast(&pHandle->condEvent); // QN_EVENT_WaitForProducers
-    }
+    CountProducerLocked(pHandle, false);
 }
 
 void QN_EVENT_WaitForProducers(tagQN_HANDLER_S *pHandle)

@@ -8,7 +8,30 @@
 namespace libquarrin
 {
 
-/// Posts without waiting. True: queued (or dropped, after a shut-down); false: the ring is full, nothing was done.
+/// The device was seen, or not. What a plug event tells whose handler has not begun yet is newer, and stays.
+///
+/// Threads: any. Locks: mutexEvent, a leaf.
+void QN_EVENT_NotePresence(tagQN_HANDLER_S *pHandle, bool bPresent);
+
+/// A new format begins: outcomes that are queued, or whose handlers have not begun, are an earlier one's.
+///
+/// Threads: any; the caller holds mutexState. Locks: mutexEvent, a leaf.
+void QN_EVENT_OutdateOutcomes(tagQN_HANDLER_S *pHandle);
+
+/// The handler of a format's outcome begins. False: it is an earlier format's.
+///
+/// Threads: the event thread; the caller holds mutexState. Locks: mutexEvent, a leaf.
+bool QN_EVENT_TakeOutcome(tagQN_HANDLER_S *pHandle);
+
+/// A call begins, or ends, that looks at the handle again after it has waited for room: the handle stays that long.
+///
+/// Threads: any. Locks: mutexEvent, a leaf.
+void QN_EVENT_CountProducer(tagQN_HANDLER_S *pHandle, bool bBegins);
+
+/// The dispatcher has taken an event out of the ring. The caller holds mutexEvent.
+void QN_EVENT_TakenLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent);
+
+/// Posts without waiting, but for plug events: these are posted by the calls that may wait. True: queued (or dropped, after a shut-down); false: the ring is full, nothing was done.
 ///
 /// Threads: any. Locks: mutexEvent, a leaf.
 bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload);

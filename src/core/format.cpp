@@ -1,6 +1,6 @@
 // Format worker: partition table, then file system, on a detached thread; the outcome goes back as an event.
-// Threads: QN_FORMAT_Start and _Detach on host threads, the rest on the worker's. Locks: mutexLink, held while posting,
-// so that the handle cannot go meanwhile.
+// Threads: QN_FORMAT_Start and _Detach on host threads, the rest on the worker's. Locks: mutexLink, then mutexEvent; a
+// worker that waits for room holds neither, and is counted as a producer, so that the handle cannot go meanwhile.
 
 #include "core/storage_state.h"
 
@@ -8,6 +8,7 @@
 #include <new>
 #include <string>
 
+#include "core/event_queue.h"
 #include "core/handle_private.h"
 #include "libquarrin/events.h"
 #include "libquarrin/storage.h"
@@ -23,27 +24,51 @@ struct tagQN_FORMAT_JOB_S
     std::shared_ptr<tagQN_FORMAT_LINK_S> spLink;
     std::string strDevice;
     QN_FS_TYPE_E enFsType;
+    uint32_t u32Format; ///< its number in the link
 };
 
 // The one partition of a fresh table.
 constexpr int32_t FORMATTED_PARTITION = 1;
 
-static void Post(const tagQN_FORMAT_JOB_S &stJob, QN_EVENT_E enEvent)
+// The card of an older format was pulled; the device belongs to the next one. The caller holds mutexLink.
+static bool IsLastLocked(const tagQN_FORMAT_JOB_S &stJob)
 {
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
-    if (stJob.spLink->pHandle != nullptr)
-    {
-        (void)QN_EVENT_PushEvent(stJob.spLink->pHandle, enEvent, nullptr); // always 0
-    }
+    return stJob.spLink->u32Format == stJob.u32Format;
 }
 
-static void SetPartition(const tagQN_FORMAT_JOB_S &stJob)
+// Looks at the link anew after every wait for room: the handle may be ending, or the next format have begun.
+static void Post(const tagQN_FORMAT_JOB_S &stJob, QN_EVENT_E enEvent)
+{
+    UTIL_LOCK lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
+    tagQN_HANDLER_S *pHandle = stJob.spLink->pHandle;
+    if (pHandle == nullptr)
+    {
+        return;
+    }
+    QN_EVENT_CountProducer(pHandle, true); // the handle stays while this waits
+    while (stJob.spLink->pHandle != nullptr && IsLastLocked(stJob) && !QN_EVENT_TryPush(pHandle, enEvent, nullptr))
+    {
+        lock.reset();
+        QN_EVENT_WaitForRoom(pHandle);
+        lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
+    }
+    lock.reset();
+    QN_EVENT_CountProducer(pHandle, false);
+}
+
+// False: another format has begun meanwhile.
+static bool SetPartition(const tagQN_FORMAT_JOB_S &stJob)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
+    if (!IsLastLocked(stJob))
+    {
+        return false;
+    }
     if (stJob.spLink->pHandle != nullptr)
     {
         __atomic_store_n(&stJob.spLink->pHandle->s32PartitionNo, FORMATTED_PARTITION, __ATOMIC_SEQ_CST);
     }
+    return true;
 }
 
 // Kept: all four lines are information, the failures too, and carry this tag.
@@ -59,7 +84,10 @@ static void Worker(void *pArg)
         return;
     }
     QN_LOG_INFO_AS(FUNC, "make partition table success");
-    SetPartition(*spJob);
+    if (!SetPartition(*spJob))
+    {
+        return; // a file system made now would meet the next format's
+    }
     s32Result = QN_STORAGE_MakePartitionFs(spJob->strDevice.c_str(), FORMATTED_PARTITION, spJob->enFsType);
     if (s32Result != 0)
     {
@@ -73,8 +101,13 @@ static void Worker(void *pArg)
 
 void QN_FORMAT_Start(tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)
 {
-    tagQN_FORMAT_JOB_S *pJob =
-        new (std::nothrow) tagQN_FORMAT_JOB_S{pHandle->pstPrivate->spFormatLink, pHandle->strDevice, enFsType};
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->spFormatLink;
+    UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
+    const uint32_t u32Format = ++stLink.u32Format;
+    QN_EVENT_OutdateOutcomes(pHandle);
+    lock.reset();
+    tagQN_FORMAT_JOB_S *pJob = new (std::nothrow)
+        tagQN_FORMAT_JOB_S{pHandle->pstPrivate->spFormatLink, pHandle->strDevice, enFsType, u32Format};
     // A worker that cannot be started leaves the state at formatting until the card is pulled.
     if (pJob != nullptr && UTIL_THREAD_RunFuncAsync(Worker, pJob) != 0)
     {

@@ -88,6 +88,11 @@ static tagQN_HANDLER_PRIVATE_S *MakePrivate(tagQN_HANDLER_S *pHandle)
 #endif
     pthread_rwlock_init(&pPrivate->rwCard, &stAttr);
     pthread_rwlockattr_destroy(&stAttr);
+    pthread_condattr_t stClock; // a clock that a host sets must not move a deadline
+    pthread_condattr_init(&stClock);
+    pthread_condattr_setclock(&stClock, CLOCK_MONOTONIC);
+    pthread_cond_init(&pPrivate->condFiles, &stClock);
+    pthread_condattr_destroy(&stClock);
     pPrivate->spFormatLink = std::make_shared<tagQN_FORMAT_LINK_S>();
     pPrivate->spFormatLink->pHandle = pHandle;
     return pPrivate;
@@ -172,8 +177,10 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     QN_STORAGE_UnmountAtEnd(pHandle);
     (void)QN_STORAGE_Destroy(pHandle); // both always 0
     (void)QN_EVENT_Destroy(pHandle);
+    QN_STORAGE_UnmountLate(pHandle); // a plugged card or the end of a format may have been queued
     QN_EVENT_WaitForProducers(pHandle);
 
+    pthread_cond_destroy(&pHandle->pstPrivate->condFiles);
     pthread_rwlock_destroy(&pHandle->pstPrivate->rwCard);
     delete pHandle->pstPrivate;
     pthread_cond_destroy(&pHandle->condEvent);

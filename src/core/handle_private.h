@@ -23,8 +23,10 @@ namespace libquarrin
 /// The way of a format worker back to its handle; it outlives both.
 struct tagQN_FORMAT_LINK_S
 {
-    pthread_mutex_t mutexLink = PTHREAD_MUTEX_INITIALIZER; ///< guards pHandle; held while the worker posts
-    tagQN_HANDLER_S *pHandle = nullptr;                    ///< null once the handle is being destroyed
+    pthread_mutex_t mutexLink =
+        PTHREAD_MUTEX_INITIALIZER;      ///< guards both; held while the worker posts, not while it waits
+    tagQN_HANDLER_S *pHandle = nullptr; ///< null once the handle is being destroyed
+    uint32_t u32Format = 0;             ///< number of the last format: the worker of an older one is done
 };
 
 struct tagQN_HANDLER_PRIVATE_S
@@ -36,25 +38,30 @@ struct tagQN_HANDLER_PRIVATE_S
 
     // Guarded by mutexFiles, a leaf lock
     pthread_mutex_t mutexFiles = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t condFiles = PTHREAD_COND_INITIALIZER;            ///< a file was finished, or a command has ended
-    std::list<std::string> lstWriting;                              ///< paths of files in progress
+    pthread_cond_t condFiles;          ///< a file was finished, or a command has ended; its clock is CLOCK_MONOTONIC
+    std::list<std::string> lstWriting; ///< paths of files in progress
     std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
     /// Frames that were out when their replay lost its reader: the host may be reading them.
     std::list<std::pair<const tagQN_REPLAY_HANDLER_S *, std::shared_ptr<void>>> lstFramesOut;
     uint32_t u32Commands = 0; ///< commands of ours that run below the mount point; they begin through the card gate
+    std::atomic<bool> bUnmounted{false}; ///< an unmount line of ours was issued, and nothing mounted since
 
     // Guarded by mutexEvent
     bool bDispatching = false;                  ///< a handler runs
     pthread_t tidDispatcher = 0;                ///< on this thread
     uint32_t u32Producers = 0;                  ///< calls that wait for room, or have just got it
     std::list<tagQN_EVENT_SLOT_S> lstOwnEvents; ///< posted by handlers into a full ring; they take the next free slots
+    uint32_t u32PlugsAhead = 0;                 ///< plug events that are posted, and not taken out yet
+    uint32_t u32OutcomesAhead = 0;              ///< outcomes of formats that are queued, or whose handler has not begun
+    uint32_t u32OutcomesOld = 0;                ///< so many of them, the first ones, are earlier formats'
 
     UTIL_CALLS_S stEnds; ///< destroys of sessions and closes of replays; QN_Destroy waits for them
 
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
 
-    std::atomic<bool> bSeenPresent{false}; ///< what the last probe or hotplug event saw of the device
-    bool bListened = false;                ///< hotplug thread only: a socket was open before
+    /// What the last probe or plug event told of the device; written under mutexEvent, readers take no lock.
+    std::atomic<bool> bSeenPresent{false};
+    bool bListened = false;     ///< hotplug thread only: a socket was open before
     bool bKernelDevice = false; ///< constant once the monitor runs: the device was a block device at the start
     int64_t s64LookAtMs = 0;    ///< hotplug thread only: when to look at the device again, CLOCK_MONOTONIC; 0: not
 };

@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "core/event_queue.h"
 #include "core/handle_private.h"
 #include "core/storage_state.h"
 #include "libquarrin/quota.h"
@@ -22,8 +23,7 @@ namespace libquarrin
 // Mounts the handle's partition; the caller holds mutexState and logs under its own name.
 static bool MountLocked(tagQN_HANDLER_S *pHandle, const char *pszFunc)
 {
-    if (QN_STORAGE_PartitionMount(pHandle->strDevice.c_str(), QN_STORAGE_PartitionNo(pHandle),
-                                  pHandle->pszMountPoint.c_str()) != 0)
+    if (!QN_CARD_Mount(pHandle))
     {
         QN_LOG_ERROR_AS(pszFunc, "Mount %s failed!", pHandle->pszMountPoint.c_str());
         pHandle->enState = QN_STATE_E_PLUGIN;
@@ -38,14 +38,14 @@ int32_t QN_EVENT_HandleHotplugIn(tagQN_HANDLER_S *pHandle)
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
         const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
-        pHandle->pstPrivate->bSeenPresent = bDevice;
+        QN_EVENT_NotePresence(pHandle, bDevice);
         if (!bDevice)
         {
             QN_LOG_ERROR("OOPs, trigger hotplug-in event but device %s not found!", pHandle->strDevice.c_str());
             pHandle->enState = QN_STATE_E_UNPLUGIN;
             return 0;
         }
-        if (QN_STORAGE_CheckPartitionExist(pHandle->strDevice.c_str(), QN_STORAGE_PartitionNo(pHandle)) != 0)
+        if (QN_STORAGE_CheckPartitionExist(pHandle->strDevice.c_str(), QN_CARD_PartitionNo(pHandle)) != 0)
         {
             QN_LOG_ERROR("partition not found!");
             pHandle->enState = QN_STATE_E_PLUGIN;
@@ -102,15 +102,18 @@ static void CloseReaders(tagQN_HANDLER_S *pHandle)
 int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+    QN_EVENT_NotePresence(pHandle, false);
+    // Before the gate: somebody behind it may be listing a folder of the dying card, and take his time.
+    StopSessions(pHandle);
+    CloseReaders(pHandle);
     const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
-    pHandle->pstPrivate->bSeenPresent = false;
+    // And behind it: a start or an open that was on its way through is done by now.
     StopSessions(pHandle);
     CloseReaders(pHandle);
     // Their writers are closed before umount looks; no session can split off another one now.
     QN_SPLIT_FinishAll(pHandle, nullptr);
-    QN_CARD_WaitForCommands(pHandle);
-    (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // the card is gone either way
-    (void)QN_STORAGE_QuotaDestroy(pHandle);                            // always 0
+    QN_CARD_Unmount(pHandle, true);
+    (void)QN_STORAGE_QuotaDestroy(pHandle); // always 0
     pHandle->enState = QN_STATE_E_UNPLUGIN;
     return 0;
 }
@@ -124,7 +127,7 @@ int32_t QN_EVENT_HandleFormatSuccess(tagQN_HANDLER_S *pHandle)
 {
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-        if (pHandle->enState.load() != QN_STATE_E_FORMATING)
+        if (!QN_EVENT_TakeOutcome(pHandle) || pHandle->enState.load() != QN_STATE_E_FORMATING)
         {
             QN_LOG_ERROR("OOPs, trigger format-success event but not in FORMATING!");
             return 0;
@@ -140,7 +143,7 @@ int32_t QN_EVENT_HandleFormatSuccess(tagQN_HANDLER_S *pHandle)
 int32_t QN_EVENT_HandleFormatFailed(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-    if (pHandle->enState.load() != QN_STATE_E_FORMATING)
+    if (!QN_EVENT_TakeOutcome(pHandle) || pHandle->enState.load() != QN_STATE_E_FORMATING)
     {
         QN_LOG_ERROR("OOPs, trigger format-failed event but not in FORMATING!");
         return 0;

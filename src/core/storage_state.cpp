@@ -16,11 +16,6 @@
 namespace libquarrin
 {
 
-int32_t QN_STORAGE_PartitionNo(const tagQN_HANDLER_S *pHandle)
-{
-    return __atomic_load_n(&pHandle->s32PartitionNo, __ATOMIC_SEQ_CST);
-}
-
 int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
 {
     const int32_t s32Result = QN_STORAGE_HotplugInit(pHandle);
@@ -31,7 +26,7 @@ int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
     UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
     const bool bMountDir = QN_STORAGE_CheckPartitionMounted(pHandle->pszMountPoint.c_str()) == 0;
     const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
-    pHandle->pstPrivate->bSeenPresent = bDevice;
+    QN_EVENT_NotePresence(pHandle, bDevice);
     if (bMountDir)
     {
         pHandle->enState = QN_STATE_E_MOUNTED;
@@ -104,8 +99,7 @@ uint32_t QN_StorageMount(tagQN_HANDLER_S *pHandle)
         QN_LOG_ERROR("record handler is not idle");
         return QN_RET_STATE;
     }
-    if (QN_STORAGE_PartitionMount(pHandle->strDevice.c_str(), QN_STORAGE_PartitionNo(pHandle),
-                                  pHandle->pszMountPoint.c_str()) != 0)
+    if (!QN_CARD_Mount(pHandle))
     {
         QN_LOG_ERROR("Mount %s failed!", pHandle->pszMountPoint.c_str());
         pHandle->enState = QN_STATE_E_PLUGIN;
@@ -153,10 +147,15 @@ uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle)
         QN_LOG_ERROR("handler is not idle");
         return QN_RET_STATE;
     }
-    QN_CARD_WaitForCommands(pHandle);
-    (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // Kept: the state changes either way
+    QN_CARD_Unmount(pHandle, false); // Kept: the state changes whatever the command says
     pHandle->enState = QN_STATE_E_UNMOUNTED;
     return QN_RET_OK;
+}
+
+static void UnmountLocked(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
+    QN_CARD_Unmount(pHandle, false); // the handle goes in any case
 }
 
 void QN_STORAGE_UnmountAtEnd(tagQN_HANDLER_S *pHandle)
@@ -164,9 +163,16 @@ void QN_STORAGE_UnmountAtEnd(tagQN_HANDLER_S *pHandle)
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
     if (pHandle->enState.load() == QN_STATE_E_MOUNTED)
     {
-        const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
-        QN_CARD_WaitForCommands(pHandle);
-        (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // the handle goes in any case
+        UnmountLocked(pHandle);
+    }
+}
+
+void QN_STORAGE_UnmountLate(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
+    if (pHandle->enState.load() == QN_STATE_E_MOUNTED && !QN_CARD_IsUnmounted(pHandle))
+    {
+        UnmountLocked(pHandle);
     }
 }
 

@@ -44,7 +44,9 @@ static std::string VolumePath(const tagQN_HANDLER_S *pHandle, const tagQN_VOLUME
 int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
 {
     QN_CARD_CommandBegin(pHandle); // a host may unmount at once after it mounted
-    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
+    // A card that is unmounted already gets none: they would make its directory again, which the next start takes for a
+    // mounted card. Asked before each, since an unmount gives up a command that hangs.
+    for (int32_t i = 0; i < QN_VOLUME_COUNT && !QN_CARD_IsUnmounted(pHandle); ++i)
     {
         if (pHandle->astVolume[i].bEnable == 0)
         {

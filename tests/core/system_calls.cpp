@@ -27,6 +27,8 @@ struct CALLS_STATE_S
     std::atomic<int32_t> s32Reread{0};
     std::atomic<int32_t> s32Selects{0};
     std::atomic<bool> bNoneReadable{false};
+    std::atomic<bool> bHoldSelect{false};
+    std::atomic<int32_t> s32ClockAhead{0};
 };
 
 CALLS_STATE_S &State()
@@ -86,12 +88,26 @@ extern "C" int select(int s32Count, fd_set *pstRead, fd_set *pstWrite, fd_set *p
     using SELECT = int (*)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
     static const SELECT pfnSelect = reinterpret_cast<SELECT>(dlsym(RTLD_NEXT, WIDE_TIME ? "__select64" : "select"));
     State().s32Selects += 1;
+    (void)TEST_WaitFor([] { return !State().bHoldSelect; }, 600000);
     if (State().bNoneReadable)
     {
         FD_ZERO(pstRead);
         return 1;
     }
     return pfnSelect(s32Count, pstRead, pstWrite, pstExcept, pstTimeout);
+}
+
+extern "C" int clock_gettime(clockid_t clock, struct timespec *pstTime) noexcept
+{
+    using GETTIME = int (*)(clockid_t, struct timespec *);
+    static const GETTIME pfnGettime =
+        reinterpret_cast<GETTIME>(dlsym(RTLD_NEXT, WIDE_TIME ? "__clock_gettime64" : "clock_gettime"));
+    const int s32Result = pfnGettime(clock, pstTime);
+    if (clock == CLOCK_REALTIME)
+    {
+        pstTime->tv_sec += State().s32ClockAhead;
+    }
+    return s32Result;
 }
 
 void *operator new(std::size_t u64Size, const std::nothrow_t &stTag) noexcept
@@ -111,6 +127,8 @@ void SYSTEM_CALLS_Reset()
     SYSTEM_CALLS_ReleaseListing();
     State().s32Reread = 0;
     State().bNoneReadable = false;
+    State().bHoldSelect = false;
+    State().s32ClockAhead = 0;
     g_s32FailAfter = -1;
 }
 
@@ -144,6 +162,21 @@ int32_t SYSTEM_CALLS_Selects()
 void SYSTEM_CALLS_SelectNoneReadable()
 {
     State().bNoneReadable = true;
+}
+
+void SYSTEM_CALLS_HoldSelect()
+{
+    State().bHoldSelect = true;
+}
+
+void SYSTEM_CALLS_ReleaseSelect()
+{
+    State().bHoldSelect = false;
+}
+
+void SYSTEM_CALLS_SetClockAhead(int32_t s32Seconds)
+{
+    State().s32ClockAhead = s32Seconds;
 }
 
 void SYSTEM_CALLS_FailAllocation(int32_t s32Skip)

@@ -1,5 +1,5 @@
 // Stands between the library and some calls of the C library, in the test program only: closedir can be held up,
-// select is counted, the re-read of a partition table answers as told, and allocations that may fail do.
+// select is counted and can be held up, the re-read of a partition table answers as told, and allocations that may fail do.
 #ifndef QUARRIN_TESTS_SYSTEM_CALLS_H
 #define QUARRIN_TESTS_SYSTEM_CALLS_H
 
@@ -22,6 +22,13 @@ int32_t SYSTEM_CALLS_Selects();
 
 /// From now on select ends at once with an answer in which no descriptor is readable.
 void SYSTEM_CALLS_SelectNoneReadable();
+
+/// Holds up whoever begins to wait in select: the monitor, and so the end of a handle, which joins it.
+void SYSTEM_CALLS_HoldSelect();
+void SYSTEM_CALLS_ReleaseSelect();
+
+/// clock_gettime tells a wall clock that is so far ahead of what the kernel waits by, as one that is set back later.
+void SYSTEM_CALLS_SetClockAhead(int32_t s32Seconds);
 
 /// Lets the calling thread's next non-throwing allocation fail, after s32Skip that succeed. Switched off by a negative
 /// number.

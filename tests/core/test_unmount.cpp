@@ -49,20 +49,6 @@ TEST_F(Unmount, WaitsForTheFoldersThatAreBeingMade)
     EXPECT_TRUE(unmount.WaitDone());
 }
 
-TEST_F(Unmount, DoesNotWaitForGoodForAFolderCommandThatHangs)
-{
-    InitMounted();
-    ASSERT_TRUE(Settle());
-    FAKE_PLATFORM_Stall("mkdir -p " + Folder(0));
-    Push(QN_EVENT_E_MOUNT_DONE);
-    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
-    EXPECT_EQ(0u, QN_StorageUnMount(m_pHandle)); // on this thread: nobody lets the command go meanwhile
-    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount(UnmountLine()));
-    EXPECT_EQ(QN_STATE_E_UNMOUNTED, State());
-    FAKE_PLATFORM_Release();
-    EXPECT_TRUE(Settle());
-}
-
 TEST_F(Unmount, RefusesAtOnceWhileASessionIsOpenAndAFolderCommandHangs)
 {
     InitMounted();
@@ -132,6 +118,38 @@ TEST_F(Unmount, OfAPulledCardWaitsForAFileThatIsMovedAside)
     EXPECT_TRUE(host.WaitDone());
     EXPECT_TRUE(WaitForState(QN_STATE_E_UNPLUGIN));
     EXPECT_EQ(UnmountLine(), FAKE_PLATFORM_Commands().back());
+}
+
+TEST_F(Unmount, OfAPulledCardStopsSessionsAndReplaysWhileAFolderIsListed)
+{
+    InitMounted();
+    tagQN_RECORD_HANDLER_S *pSession = MakeRunningSession("a");
+    tagQN_REPLAY_HANDLER_S *pReplay = MakeReplay();
+    SYSTEM_CALLS_HoldListing(Folder(1));
+    std::vector<tagQN_FILE_INFO_S> vecFiles;
+    BACKGROUND list([&] { EXPECT_EQ(0u, QN_ReplayListFile(m_pHandle, QN_VOLUME_ID_E_1, &vecFiles)); });
+    ASSERT_TRUE(SYSTEM_CALLS_WaitListingHeld());
+    Push(QN_EVENT_E_HOTPLUG_OUT);
+    EXPECT_TRUE(TEST_WaitFor([&] { return pSession->enRecordState.load() == QN_RECORD_STATE_STOPPING; }));
+    const int32_t s32Frames = FAKE_BACKEND_Frames();
+    EXPECT_EQ(0u, WriteKeyFrame(pSession));
+    EXPECT_EQ(s32Frames, FAKE_BACKEND_Frames()); // dropped
+    EXPECT_TRUE(TEST_WaitFor([] { return FAKE_BACKEND_ReadCloses() == 1; }));
+    uint8_t *pu8Data = nullptr;
+    EXPECT_EQ(8u, QN_ReplayFreeFrame(pReplay, pu8Data));
+    // What the host does meanwhile, told by the session: it is marked again, and so is a session that comes.
+    EXPECT_EQ(0u, QN_RecordStop(pSession));
+    tagQN_RECORD_HANDLER_S *pLater = MakeSession();
+    EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("umount"));
+    SYSTEM_CALLS_ReleaseListing();
+    EXPECT_TRUE(list.WaitDone());
+    ASSERT_TRUE(WaitForState(QN_STATE_E_UNPLUGIN));
+    EXPECT_EQ(QN_RECORD_STATE_STOPPING, pSession->enRecordState.load());
+    EXPECT_EQ(QN_RECORD_STATE_STOPPING, pLater->enRecordState.load());
+    EXPECT_EQ(std::vector<std::string>{}, OpenAtUnmount());
+    EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+    EXPECT_EQ(0u, QN_RecordDestroy(pLater));
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
 }
 
 TEST_F(Unmount, AtTheEndOfTheHandleWaitsForAQuotaCheck)

@@ -1,5 +1,6 @@
 // Uevents that came while a broken socket was replaced are made up for by a look at the device.
 
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -26,6 +27,24 @@ protected:
     {
         rig.Pass(); // has listened
         QN_STORAGE_HotplugNetlinkClose(rig.pHandle->s32NetlinkFd);
+    }
+
+    /// Lets the event thread wait in a hot-unplug's umount, as it would in any command of a slow card.
+    static void StallEvents(const HOTPLUG_RIG &rig)
+    {
+        FAKE_PLATFORM_Stall("umount " + rig.strMount + ";");
+        QN_EVENT_PushEvent(rig.pHandle, QN_EVENT_E_HOTPLUG_OUT, nullptr);
+        EXPECT_TRUE(FAKE_PLATFORM_WaitStalled());
+    }
+
+    /// Runs passes for longer than a look waits.
+    static void PassPastALook(const HOTPLUG_RIG &rig)
+    {
+        const double dBegin = TEST_Seconds();
+        while (TEST_Seconds() - dBegin < 1.5)
+        {
+            rig.Pass();
+        }
     }
 
     /// Runs passes until the device has been looked at again; the seconds that it took.
@@ -132,4 +151,75 @@ TEST_F(HotplugReopen, UeventThatComesMeanwhileTakesThePlaceOfTheLook)
     }
     EXPECT_TRUE(rig.WaitForIdle());
     EXPECT_EQ(1, FAKE_PLATFORM_CommandCount("; mount "));
+}
+
+TEST_F(HotplugReopen, CardWhoseEventIsStillQueuedIsNotToldOfTwice)
+{
+    const HOTPLUG_RIG rig(m_dir.strPath, "busy");
+    StallEvents(rig);
+    TEST_Touch(rig.strDevice);
+    TEST_Touch(rig.strDevice + "p1");
+    rig.Send("add@/devices/busy");
+    rig.Pass(); // queued behind the command
+    Break(rig);
+    PassPastALook(rig);
+    FAKE_PLATFORM_Release();
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_MOUNTED; }));
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount("; mount ")); // a second one would fail, and end in QN_STATE_E_PLUGIN
+}
+
+TEST_F(HotplugReopen, PullThatIsStillQueuedIsNotToldOfTwice)
+{
+    TEST_Touch(m_dir.strPath + "/pulled");
+    const HOTPLUG_RIG rig(m_dir.strPath, "pulled");
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_PLUGIN; }));
+    TEST_Touch(rig.strDevice + "p1");
+    FAKE_PLATFORM_Stall("; mount ");
+    QN_EVENT_PushEvent(rig.pHandle, QN_EVENT_E_HOTPLUG_IN, nullptr);
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    unlink(rig.strDevice.c_str());
+    rig.Send("remove@/devices/pulled");
+    rig.Pass();
+    Break(rig);
+    PassPastALook(rig);
+    FAKE_PLATFORM_Release();
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.Outs() > 0; }));
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(1, rig.Outs());
+}
+
+TEST_F(HotplugReopen, HandlerOfAnOlderEventDoesNotForgetTheNewerOne)
+{
+    const HOTPLUG_RIG rig(m_dir.strPath, "older");
+    std::atomic<int32_t> s32Allowed{0};
+    std::atomic<int32_t> s32Unmounts{0};
+    FAKE_PLATFORM_OnCommand(
+        [&](const std::string &strCommand)
+        {
+            if (strCommand.rfind("umount ", 0) == 0)
+            {
+                const int32_t s32Own = ++s32Unmounts;
+                (void)TEST_WaitFor([&, s32Own] { return s32Allowed >= s32Own; }, 60000);
+            }
+            return 0;
+        });
+    QN_EVENT_PushEvent(rig.pHandle, QN_EVENT_E_HOTPLUG_OUT, nullptr);
+    EXPECT_TRUE(TEST_WaitFor([&] { return s32Unmounts == 1; }));
+    TEST_Touch(rig.strDevice);
+    TEST_Touch(rig.strDevice + "p1");
+    QN_EVENT_PushEvent(rig.pHandle, QN_EVENT_E_HOTPLUG_OUT, nullptr);
+    QN_EVENT_PushEvent(rig.pHandle, QN_EVENT_E_HOTPLUG_IN, nullptr);
+    s32Allowed = 1;
+    EXPECT_TRUE(TEST_WaitFor([&] { return s32Unmounts == 2; })); // the second one's handler runs, the third waits
+    Break(rig);
+    PassPastALook(rig);
+    s32Allowed = 2;
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_MOUNTED; }));
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount("; mount "));
+    FAKE_PLATFORM_OnCommand(nullptr);
 }
