@@ -31,8 +31,9 @@ static RIG_STATE_S &Program()
 // Every line that the library may run for this card, to the letter.
 static std::vector<std::string> LinesOf(const CARD_RIG &rig)
 {
-    const std::string &strDevice = rig.card.Device();
-    const std::string &strPartition = rig.card.Partition();
+    // A card under a USB disk's names: its partition is called as the kernel calls it.
+    const std::string &strDevice = rig.stParam.strDevice;
+    const std::string strPartition = strDevice == rig.card.Device() ? rig.card.Partition() : strDevice + "1";
     const std::string &strMount = rig.card.MountDir();
     std::vector<std::string> vecLines = {
         "echo -e \"o\\nn\\np\\n1\\n\\n\\nw\" | fdisk " + strDevice + " > /dev/console",
@@ -106,8 +107,6 @@ CARD_RIG::CARD_RIG(const CARD_PARAM_S &stCard) : card(stCard)
         stParam.astVolume[i].u32QuotaPercent = 95;
         stParam.astVolume[i].bAutoDelete = true;
     }
-    const std::lock_guard<std::mutex> lock(Program().mutex);
-    Program().mapLines[this] = LinesOf(*this);
 }
 
 CARD_RIG::~CARD_RIG()
@@ -119,6 +118,10 @@ CARD_RIG::~CARD_RIG()
 
 void CARD_RIG::Init()
 {
+    {
+        const std::lock_guard<std::mutex> lock(Program().mutex);
+        Program().mapLines[this] = LinesOf(*this);
+    }
     ASSERT_EQ(0u, QN_Init(&stParam, pHandle));
 }
 
