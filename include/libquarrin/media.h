@@ -54,7 +54,8 @@ QN_API const char *getMuxerByFmt(QN_FILE_FMT_E enFormat);
 /// host begins above 0. dts is pts: no B-frames.
 ///
 /// H.264 takes stSps and stPps as extradata. H.265 has its parameter sets in-band only, except in Matroska, whose
-/// header cannot be written without them: there, stSps and stPps together must hold a VPS, an SPS and a PPS.
+/// header cannot be written without them: there, stSps and stPps together must hold a VPS, an SPS and a PPS, and no SPS
+/// that ends before its short-term reference picture sets do.
 ///
 /// \param pstParam  the parameters; borrowed for the call.
 /// \param pszPath   the file; an existing one is truncated.
@@ -66,6 +67,10 @@ QN_API const char *getMuxerByFmt(QN_FILE_FMT_E enFormat);
 QN_API void *FFMUXER_WriteOpen(tagQN_RECORD_PARAM_S *pstParam, const char *pszPath);
 
 /// Writes one frame; the data is copied. A frame of a stream that is not enabled is ignored.
+///
+/// H.265 in MP4 and MOV: the parameter sets of the file are those of its first video frame. One with an SPS that ends
+/// before its short-term reference picture sets do is left out, with one warning, and so is the video up to the next
+/// frame marked key: FFmpeg would be busy with such a set for minutes when the file is finished.
 ///
 /// \return 0, also when FFmpeg could not write; -1 for a null writer.
 QN_API int32_t FFMUXER_WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t u32Len, uint64_t u64Pts,

@@ -15,6 +15,7 @@ extern "C"
 }
 
 #include "media/error_text.h"
+#include "media/h265_sps.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -135,6 +136,7 @@ void *FFMUXER_WriteOpen(tagQN_RECORD_PARAM_S *pstParam, const char *pszPath)
     }
     pWriter->bPtsByCount = pstParam->enFormat == QN_FILE_FMT_E_MP4 || pstParam->enFormat == QN_FILE_FMT_E_MOV;
     pWriter->bPtsFromFirst = !pWriter->bPtsByCount;
+    pWriter->bSetsDue = FFWRITE_TakesSetsFromVideo(pstParam);
     return pWriter;
 }
 
@@ -158,6 +160,37 @@ static AVPacket *MakePacket(const unsigned char *pu8Data, uint32_t u32Len)
     return pPacket;
 }
 
+// False: the file does not begin with this frame of video, and with none before the next sound key frame.
+static bool MayBeWritten(tagFFWRITE_HANDLER_S *pWriter, const unsigned char *pu8Data, uint32_t u32Len, bool bKey)
+{
+    if (!pWriter->bSetsDue)
+    {
+        return true;
+    }
+    if (H265_SpsAreWhole(pu8Data, u32Len))
+    {
+        pWriter->bAwaitKey = pWriter->bAwaitKey && !bKey;
+        return !pWriter->bAwaitKey;
+    }
+    if (!pWriter->bAwaitKey)
+    {
+        QN_LOG_WARN_AS("FFMUXER_WriteFrame", "H.265 parameter sets are damaged, waiting for the next key frame");
+        pWriter->bAwaitKey = true;
+    }
+    return false;
+}
+
+// FFmpeg refuses a packet without a dts above the last one, and makes no sets of an empty one.
+static bool BringsSets(tagFFWRITE_HANDLER_S *pWriter, const AVPacket *pPacket)
+{
+    if (pPacket->dts <= pWriter->s64VideoDts) // the lowest number of all stands for none
+    {
+        return false;
+    }
+    pWriter->s64VideoDts = pPacket->dts;
+    return pPacket->size > 0;
+}
+
 int32_t FFMUXER_WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t u32Len, uint64_t u64Pts, bool bKey,
                            bool bVideo)
 {
@@ -168,6 +201,10 @@ int32_t FFMUXER_WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t
     tagFFWRITE_HANDLER_S *pHandler = static_cast<tagFFWRITE_HANDLER_S *>(pWriter);
     tagFFWRITE_STREAM_S *pstStream = bVideo ? &pHandler->stVideo : &pHandler->stAudio;
     if (pstStream->pstStream == nullptr)
+    {
+        return 0;
+    }
+    if (bVideo && !MayBeWritten(pHandler, pu8Data, u32Len, bKey))
     {
         return 0;
     }
@@ -183,8 +220,10 @@ int32_t FFMUXER_WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t
     pPacket->dts = pPacket->pts; // no B-frames
     pPacket->time_base = pstStream->pstStream->time_base;
     ++pstStream->u64FrameCount;
+    const bool bSets = bVideo && pHandler->bSetsDue && BringsSets(pHandler, pPacket);
     // The payload is FFmpeg's from here on, also when the write fails; a host sees write errors in the bytes written.
-    (void)av_interleaved_write_frame(pHandler->pstFmtCtx, pPacket);
+    const int s32Ret = av_interleaved_write_frame(pHandler->pstFmtCtx, pPacket);
+    pHandler->bSetsDue = pHandler->bSetsDue && (!bSets || s32Ret < 0);
     // Kept: the empty packet stays allocated, one for each frame, until the writer goes. FFmpeg has cleared it, so it can
     // carry the chain itself: an hour has some 260,000 of them.
     pPacket->opaque = pHandler->pShells;

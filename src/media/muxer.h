@@ -36,9 +36,12 @@ struct tagFFWRITE_HANDLER_S
     AVFormatContext *pstFmtCtx = nullptr; ///< owned
     tagFFWRITE_STREAM_S stVideo;
     tagFFWRITE_STREAM_S stAudio;
-    bool bPtsByCount = false;    ///< time stamps are made from frame counts (MP4, MOV)
-    bool bPtsFromFirst = false;  ///< time stamps count from the first pts seen (all others)
-    uint64_t u64FirstPts = 0;    ///< the first pts seen, of either stream; 0: none yet
+    bool bPtsByCount = false;             ///< time stamps are made from frame counts (MP4, MOV)
+    bool bPtsFromFirst = false;           ///< time stamps count from the first pts seen (all others)
+    uint64_t u64FirstPts = 0;             ///< the first pts seen, of either stream; 0: none yet
+    bool bSetsDue = false;                ///< FFmpeg takes the parameter sets from the next video packet that it takes
+    bool bAwaitKey = false;               ///< a frame that may not begin the video was left out: wait for a key frame
+    int64_t s64VideoDts = AV_NOPTS_VALUE; ///< while bSetsDue: the latest dts of a video packet
     AVPacket *pShells = nullptr; ///< owned: packets whose payload has gone to FFmpeg; opaque leads to the one before
 };
 

@@ -12,6 +12,7 @@ extern "C"
 #include <libavutil/mathematics.h>
 }
 
+#include "media/h265_sps.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -78,6 +79,21 @@ static bool NeedsH265Extradata(const AVFormatContext *pContext, const tagQN_STRE
            (H265SetsIn(pstParam->stSps) | H265SetsIn(pstParam->stPps)) == 7;
 }
 
+// FFmpeg would be busy for minutes with a set that is cut: it gets none then, and refuses to write the header.
+static bool SetH265Extradata(AVCodecParameters *pPar, const tagQN_STREAM_PARAM_S *pstParam)
+{
+    if (!SetExtradata(pPar, pstParam))
+    {
+        return false;
+    }
+    if (!H265_SpsAreWhole(pPar->extradata, static_cast<uint32_t>(pPar->extradata_size)))
+    {
+        av_freep(&pPar->extradata);
+        pPar->extradata_size = 0;
+    }
+    return true;
+}
+
 static void SetVideo(AVStream *pStream, AVCodecID enCodecId, const tagQN_STREAM_PARAM_S *pstParam)
 {
     AVCodecParameters *pPar = pStream->codecpar;
@@ -112,7 +128,7 @@ static bool SetCodec(const AVFormatContext *pContext, AVStream *pStream, const t
         return SetExtradata(pStream->codecpar, pstParam);
     case QN_CODEC_H265:
         SetVideo(pStream, AV_CODEC_ID_HEVC, pstParam);
-        return !NeedsH265Extradata(pContext, pstParam) || SetExtradata(pStream->codecpar, pstParam);
+        return !NeedsH265Extradata(pContext, pstParam) || SetH265Extradata(pStream->codecpar, pstParam);
     case QN_CODEC_AAC:
         SetAac(pStream, pstParam);
         return true;

@@ -1,8 +1,9 @@
-// The writer: any parameters, and frames of real streams that are damaged or made up, into the four containers. What
-// comes of it is read back.
+// The writer: any parameters, parameter sets with bits turned, and frames of real streams that are damaged or made up,
+// into the four containers. What comes of it is read back.
 
 #include "fuzz.h"
 
+#include <algorithm>
 #include <unistd.h>
 #include <vector>
 
@@ -29,14 +30,33 @@ uint32_t Value(FUZZ_INPUT &input, uint32_t u32Usual)
     }
 }
 
-// Bytes that live as long as they are used, or null.
+// Turns some single bits of the first bytes, where a key frame has its parameter sets.
+void Flip(FUZZ_INPUT &input, uint8_t *pu8Data, size_t size)
+{
+    constexpr size_t SETS_BYTES = 96;
+    const size_t bits = std::min(size, SETS_BYTES) * 8;
+    for (uint32_t u32Left = bits > 0 ? 1 + input.U8() % 4u : 0; u32Left > 0; --u32Left)
+    {
+        const size_t at = (static_cast<size_t>(input.U8()) << 8 | input.U8()) % bits;
+        pu8Data[at / 8] = static_cast<uint8_t>(pu8Data[at / 8] ^ 0x80u >> at % 8);
+    }
+}
+
+// The real set as it is or with some bits turned, or bytes of the input; they live as long as they are used.
 tagQN_BYTES Set(FUZZ_INPUT &input, tagQN_BYTES stUsual, std::string &strOwn)
 {
-    if (input.U8() % 4 != 0)
+    switch (input.U8() % 4)
     {
+    case 0:
+        strOwn = input.Text();
+        break;
+    case 1:
+        strOwn.assign(reinterpret_cast<const char *>(stUsual.pu8Data), stUsual.u32Len);
+        Flip(input, reinterpret_cast<uint8_t *>(&strOwn[0]), strOwn.size());
+        break;
+    default:
         return stUsual;
     }
-    strOwn = input.Text();
     return {reinterpret_cast<uint8_t *>(&strOwn[0]), static_cast<uint32_t>(strOwn.size())};
 }
 
@@ -83,6 +103,11 @@ std::vector<uint8_t> FrameBytes(FUZZ_INPUT &input, const std::vector<uint8_t> &v
     switch (u32How % 4)
     {
     case 1:
+        if ((u32How & 64) != 0)
+        {
+            Flip(input, vecData.data(), vecData.size());
+            break;
+        }
         for (uint32_t u32Left = input.U8() % 16; u32Left > 0; --u32Left)
         {
             const size_t at = (static_cast<size_t>(input.U8()) << 8 | input.U8()) % vecData.size();

@@ -123,6 +123,10 @@ void Writers()
         const std::string strUsual(17, '\2');
         Seed("fuzz_writer", Bytes({i}) + strUsual + Bytes({0, 0, 4, 0, 4, 1, 1, 0, 9, 7, 2, 40, 7, 3, 1, 2, 3, 0, 4}) +
                                 Bytes({48, 0, 0, 0, 0, 0, 1, 0, 0, 0, 4}));
+        // Bits turned in the sets of the parameters, and in those of the first two key frames.
+        Seed("fuzz_writer", Bytes({i}) + std::string(9, '\2') + Bytes({1, 0, 1, 80, 1, 0, 0, 40}) +
+                                std::string(6, '\2') +
+                                Bytes({65, 0, 1, 120 + i, 4, 0, 65, 1, 1, 160, 1, 220, 0, 4, 0, 0, 4}));
     }
 }
 

@@ -13,6 +13,8 @@ extern "C"
 #include <libavformat/avformat.h>
 }
 
+#include "support/call_limit.h"
+
 namespace
 {
 
@@ -156,6 +158,7 @@ extern "C"
                             AVDictionary **ppOptions)
     {
         static const auto pfnReal = Real(&avformat_open_input, "avformat_open_input");
+        const CALL_LIMIT limit("avformat_open_input");
         (void)Fails("avformat_open_input", __builtin_return_address(0)); // counted alone
         return pfnReal(ppContext, pszUrl, pFormat, ppOptions);
     }
@@ -163,6 +166,7 @@ extern "C"
     int avformat_find_stream_info(AVFormatContext *pContext, AVDictionary **ppOptions)
     {
         static const auto pfnReal = Real(&avformat_find_stream_info, "avformat_find_stream_info");
+        const CALL_LIMIT limit("avformat_find_stream_info");
         int32_t s32Result = 0;
         return Fails("avformat_find_stream_info", __builtin_return_address(0), &s32Result)
                    ? s32Result
@@ -179,6 +183,7 @@ extern "C"
     void avformat_close_input(AVFormatContext **ppContext)
     {
         static const auto pfnReal = Real(&avformat_close_input, "avformat_close_input");
+        const CALL_LIMIT limit("avformat_close_input");
         (void)Fails("avformat_close_input", __builtin_return_address(0)); // counted alone
         pfnReal(ppContext);
     }
@@ -192,6 +197,7 @@ extern "C"
     int av_read_frame(AVFormatContext *pContext, AVPacket *pPacket)
     {
         static const auto pfnReal = Real(&av_read_frame, "av_read_frame");
+        const CALL_LIMIT limit("av_read_frame");
         int32_t s32Result = 0;
         return Fails("av_read_frame", __builtin_return_address(0), &s32Result) ? s32Result : pfnReal(pContext, pPacket);
     }
@@ -199,6 +205,7 @@ extern "C"
     int av_seek_frame(AVFormatContext *pContext, int s32Stream, int64_t s64Time, int s32Flags)
     {
         static const auto pfnReal = Real(&av_seek_frame, "av_seek_frame");
+        const CALL_LIMIT limit("av_seek_frame");
         int32_t s32Result = 0;
         const bool bLibrary = IsLibrary(__builtin_return_address(0));
         if (!Fails("av_seek_frame", __builtin_return_address(0), &s32Result))
@@ -291,6 +298,7 @@ extern "C"
     int avformat_write_header(AVFormatContext *pContext, AVDictionary **ppOptions)
     {
         static const auto pfnReal = Real(&avformat_write_header, "avformat_write_header");
+        const CALL_LIMIT limit("avformat_write_header");
         int32_t s32Result = 0;
         return Fails("avformat_write_header", __builtin_return_address(0), &s32Result) ? s32Result
                                                                                        : pfnReal(pContext, ppOptions);
@@ -315,6 +323,7 @@ extern "C"
     int av_interleaved_write_frame(AVFormatContext *pContext, AVPacket *pPacket)
     {
         static const auto pfnReal = Real(&av_interleaved_write_frame, "av_interleaved_write_frame");
+        const CALL_LIMIT limit("av_interleaved_write_frame");
         int32_t s32Result = 0;
         return Fails("av_interleaved_write_frame", __builtin_return_address(0), &s32Result)
                    ? s32Result
@@ -324,6 +333,7 @@ extern "C"
     int av_write_trailer(AVFormatContext *pContext)
     {
         static const auto pfnReal = Real(&av_write_trailer, "av_write_trailer");
+        const CALL_LIMIT limit("av_write_trailer");
         int32_t s32Result = 0;
         return Fails("av_write_trailer", __builtin_return_address(0), &s32Result) ? s32Result : pfnReal(pContext);
     }
@@ -331,6 +341,7 @@ extern "C"
     int avio_closep(AVIOContext **ppIo)
     {
         static const auto pfnReal = Real(&avio_closep, "avio_closep");
+        const CALL_LIMIT limit("avio_closep");
         int32_t s32Result = 0;
         return Fails("avio_closep", __builtin_return_address(0), &s32Result) ? s32Result : pfnReal(ppIo);
     }

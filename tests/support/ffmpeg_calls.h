@@ -1,5 +1,6 @@
 // Stands between the library and FFmpeg: counts the library's calls, lets one fail, looks at the process at one.
-// Calls of FFmpeg itself and of the tests pass through uncounted.
+// Calls of FFmpeg itself and of the tests pass through uncounted. Every call that reads or writes a file, whoever makes
+// it, has a limit of time.
 #ifndef QUARRIN_TESTS_FFMPEG_CALLS_H
 #define QUARRIN_TESTS_FFMPEG_CALLS_H
 
