@@ -169,6 +169,9 @@ QN_API uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E 
 /// frame, frames while the storage is full, and frames that the file system refuses (watch
 /// QN_REcordGetWriteBytes and QN_GetState). With splitting on, a key frame at or after the split time begins a new file.
 ///
+/// H.265 in MP4 and MOV: a key frame whose SPS is cut (see FFMUXER_WriteFrame) begins no file; the next sound one does,
+/// and what comes before it is dropped, or belongs to the file that was to be split. One warning for each file.
+///
 /// \param pSession  the session.
 /// \param pu8Data   Annex B access unit with four-byte start codes, or AAC with an ADTS header; borrowed, copied.
 /// \param u32Len    bytes.

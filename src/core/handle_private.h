@@ -79,6 +79,9 @@ struct tagQN_RECORD_PRIVATE_S
 
     // Guarded by the session's stMutex
     bool bPathClaimed = false; ///< strFilePath stands in lstWriting for this session
+    bool bHasVideo = false;    ///< a frame of video went into the current file
+    bool bAwaitKey = false;    ///< a key frame could not begin the video of the file: frames wait for the next one
+    bool bDamageSaid = false;  ///< and the log has it, for the file that waits
 
     bool bOwnsParameterSets = false; ///< constant after QN_RecordInit
 };

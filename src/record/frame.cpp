@@ -6,6 +6,7 @@
 
 #include "core/event_queue.h"
 #include "core/handle_private.h"
+#include "media/h265_sps.h"
 #include "record/finish.h"
 #include "record/session.h"
 #include "record/split_files.h"
@@ -41,16 +42,49 @@ static bool MayBeginFile(const tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRA
     return stFrame.bKey && (pSession->stParam.stVideo.bEnable == 0 || stFrame.bVideo != 0);
 }
 
+// The parameter sets of a file may come from its first frame of video, and they may be damaged: the file begins with the
+// next sound key frame then. The writer would leave the frame out as well; here a split waits too.
+static bool MayBeginVideoLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
+{
+    if (stFrame.bVideo == 0 || FFWRITE_MayBeginVideo(&pSession->stParam, stFrame.pu8Data, stFrame.u32Len))
+    {
+        return true;
+    }
+    if (!pSession->pstPrivate->bDamageSaid) // once for each file
+    {
+        pSession->pstPrivate->bDamageSaid = true;
+        QN_LOG_WARN_AS("QN_RecordWriteFrame", "H.265 parameter sets are damaged, waiting for the next key frame");
+    }
+    return false;
+}
+
+// Before the current file has video. False: the frame is dropped.
+static bool IsSoundLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
+{
+    tagQN_RECORD_PRIVATE_S *pPrivate = pSession->pstPrivate;
+    if (pPrivate->bHasVideo)
+    {
+        return true;
+    }
+    if (!MayBeginVideoLocked(pSession, stFrame))
+    {
+        pPrivate->bAwaitKey = true;
+        return false;
+    }
+    pPrivate->bAwaitKey = pPrivate->bAwaitKey && !MayBeginFile(pSession, stFrame);
+    return !pPrivate->bAwaitKey;
+}
+
 // False: the frame is dropped. An awaited key frame sets the session running.
 static bool AcceptLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame, time_t tNow)
 {
     switch (pSession->enRecordState.load())
     {
     case QN_RECORD_STATE_RUNNING:
-        return true;
+        return IsSoundLocked(pSession, stFrame);
     case QN_RECORD_STATE_WAIT_KEY:
     case QN_RECORD_STATE_RESUMED:
-        if (!MayBeginFile(pSession, stFrame))
+        if (!MayBeginFile(pSession, stFrame) || !IsSoundLocked(pSession, stFrame))
         {
             return false;
         }
@@ -62,11 +96,11 @@ static bool AcceptLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &
     }
 }
 
-static bool IsSplitDueLocked(const tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame, time_t tNow)
+static bool IsSplitDueLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame, time_t tNow)
 {
     const uint32_t u32Seconds = static_cast<uint32_t>(tNow - pSession->tRunStart) + pSession->u32RunSeconds;
     return pSession->stParam.bAutoSplit != 0 && u32Seconds >= pSession->stParam.u32SplitSeconds &&
-           MayBeginFile(pSession, stFrame);
+           MayBeginFile(pSession, stFrame) && MayBeginVideoLocked(pSession, stFrame);
 }
 
 static std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> MakeEventLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow,
@@ -119,6 +153,7 @@ static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, const
     pSession->u32RunSeconds = 0;
     pSession->strFilePath = strNewPath;
     pSession->pstPrivate->bPathClaimed = true;
+    QN_RECORD_ForgetVideoLocked(pSession);
     // Kept: a file that cannot be opened is not reported; its frames are lost until the next split.
     pSession->pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, strNewPath.c_str());
     return true;
@@ -159,6 +194,11 @@ static void WaitForRoom(tagQN_RECORD_HANDLER_S *pSession, UTIL_LOCK &lock)
 
 static void WriteLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
 {
+    if (stFrame.bVideo != 0 && !pSession->pstPrivate->bHasVideo)
+    {
+        pSession->pstPrivate->bHasVideo = true;
+        pSession->pstPrivate->bDamageSaid = false; // a next line is about the next file
+    }
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
     (void)pSession->pstMediaApi->pfnWriteFrame(pSession->pWriter, stFrame.pu8Data, stFrame.u32Len, stFrame.u64Pts,
                                                stFrame.bKey, stFrame.bVideo != 0); // shows in the bytes and the state

@@ -117,6 +117,13 @@ std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t 
         pSession->strNameTag.c_str(), QN_STORAGE_FmtType2FileExt(pSession->stParam.enFormat));
 }
 
+void QN_RECORD_ForgetVideoLocked(tagQN_RECORD_HANDLER_S *pSession)
+{
+    pSession->pstPrivate->bHasVideo = false;
+    pSession->pstPrivate->bAwaitKey = false;
+    pSession->pstPrivate->bDamageSaid = false;
+}
+
 void *QN_RECORD_TakeWriterLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
@@ -137,6 +144,7 @@ static void ReleasePathLocked(tagQN_RECORD_HANDLER_S *pSession)
 // Opens the first file under the name that the caller has claimed. Locks held: card gate, stMutex.
 static uint32_t OpenFirstFileLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
+    QN_RECORD_ForgetVideoLocked(pSession);
     void *pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, pSession->strFilePath.c_str());
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);

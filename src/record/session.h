@@ -29,6 +29,9 @@ bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession);
 /// The session's in-progress path for a file that begins at a second. The caller holds stMutex.
 std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t tStart);
 
+/// The current file has no video yet. The caller holds stMutex.
+void QN_RECORD_ForgetVideoLocked(tagQN_RECORD_HANDLER_S *pSession);
+
 /// Takes the writer out of the session, so that nobody else closes or asks it. The caller holds stMutex.
 void *QN_RECORD_TakeWriterLocked(tagQN_RECORD_HANDLER_S *pSession);
 
