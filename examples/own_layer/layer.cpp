@@ -29,10 +29,9 @@ constexpr useconds_t POLL_US = 10000;
 constexpr int NOT_STARTED = 127; // the shells' own numbers
 constexpr int TIMED_OUT = 124;
 
-static std::string g_partition;   // "/dev/mmcblk1p1"
+static std::string g_partition;   // "/dev/mmcblk1p1", or
+static std::string g_usbName;     // "/dev/sda1", as the kernel calls it where the disk's name ends in a letter
 static std::string g_mountPoint;  // "/mnt/card"
-static std::string g_safeMount;   // what is run for the first of the library's two lines for this card
-static std::string g_mountLine;   // those lines, to the letter
 static std::string g_unmountLine; // as it stands, it would delete the card's files whenever umount fails
 static seconds g_limit;
 
@@ -42,10 +41,24 @@ void LAYER_Begin(const libquarrin::tagQN_STORAGE_PARAM_S &param, seconds limit)
     openlog("own_layer", LOG_PERROR, LOG_USER); // LOG_PERROR: on standard error too, since this is an example
     g_mountPoint = param.pszMountPoint;
     g_partition = param.strDevice + "p" + std::to_string(param.s32PartitionNo);
-    g_mountLine = "mkdir -p " + g_mountPoint + "; mount " + g_partition + " " + g_mountPoint;
-    // A card comes from strangers: nothing on it is run, is a device or gives root's rights away.
-    g_safeMount = "mkdir -p " + g_mountPoint + "; mount -o nosuid,nodev,noexec " + g_partition + " " + g_mountPoint;
+    g_usbName = param.strDevice + std::to_string(param.s32PartitionNo);
     g_unmountLine = "umount " + g_mountPoint + "; rm -rf " + g_mountPoint;
+}
+
+// The library's line for this card, to the letter when there are no options.
+static std::string MountLine(const std::string &options, const std::string &node)
+{
+    return "mkdir -p " + g_mountPoint + "; mount " + options + node + " " + g_mountPoint;
+}
+
+// The line names the node that is there; it is the card's from now on.
+static bool IsMountLine(const std::string &line)
+{
+    if (line == MountLine("", g_usbName))
+    {
+        g_partition.swap(g_usbName);
+    }
+    return line == MountLine("", g_partition);
 }
 
 void LAYER_RemoveLeftover(const libquarrin::tagQN_STORAGE_PARAM_S &param)
@@ -216,18 +229,19 @@ extern "C" int BU_RunCmd(const char *cmd)
     {
         result = Unmount();
     }
-    else if (line == g_mountLine && IsMounted())
+    else if (IsMountLine(line))
     {
-        result = 0;
+        // A card comes from strangers: nothing on it is run, is a device or gives root's rights away.
+        result = IsMounted() ? 0 : RunInShell(MountLine("-o nosuid,nodev,noexec ", g_partition), g_limit);
     }
-    else if (line.find("rm -rf") != std::string::npos || g_mountLine.empty())
+    else if (line.find("rm -rf") != std::string::npos || g_partition.empty())
     {
         syslog(LOG_ERR, "refused: the line removes files, or LAYER_Begin was not called");
     }
     else
     {
         const bool formats = line.compare(0, 4, "mkfs") == 0 || line.find("fdisk") != std::string::npos;
-        result = RunInShell(line == g_mountLine ? g_safeMount : line, formats ? FORMAT_FACTOR * g_limit : g_limit);
+        result = RunInShell(line, formats ? FORMAT_FACTOR * g_limit : g_limit);
     }
     syslog(result == 0 ? LOG_INFO : LOG_ERR, "result %d of: %s", result, cmd);
     return result;

@@ -29,7 +29,7 @@ struct tagQN_VOLUME_PARAM_S
 struct tagQN_STORAGE_PARAM_S
 {
     std::string strDevice; ///< block device node, for example "/dev/mmcblk1"; its last component is matched to uevents
-    int32_t s32PartitionNo = 0; ///< partition to mount: device, "p" and this number
+    int32_t s32PartitionNo = 0; ///< partition to mount: device, "p" and this number; see storage.h for USB disks
     std::string pszMountPoint;  ///< directory to mount on; an unmount removes it with all that is below it
     tagQN_VOLUME_PARAM_S astVolume[QN_VOLUME_COUNT]; ///< indexed by QN_VOLUME_ID_E
 };

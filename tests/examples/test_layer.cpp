@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -68,6 +69,31 @@ TEST_F(Layer, HasAShellWhoseEchoKnowsItsOptionAndTheFoldersOfMkfs)
     EXPECT_EQ(0, Run("PATH=; exit 0"));
     setenv("PATH", "/usr/bin:/bin", 1);
     EXPECT_EQ(0, Run("case :$PATH: in *:/sbin:*) exit 0;; *) exit 1;; esac"));
+}
+
+TEST_F(Layer, MountsACardAndAUsbDiskWithOptionsOfItsOwn)
+{
+    if (geteuid() != 0 || access("/dev/loop-control", R_OK | W_OK) != 0)
+    {
+        GTEST_SKIP() << "mounting an image needs root and loop devices";
+    }
+    const std::string &strMount = m_stParam.pszMountPoint;
+    for (const std::string &strNode :
+         {m_stParam.strDevice + "p1", m_stParam.strDevice + "1", m_stParam.strDevice + "p1"})
+    {
+        ASSERT_EQ(0, Run("truncate -s 4M " + strNode + " && mkfs.ext4 -q -F " + strNode));
+        EXPECT_EQ(0, Run("mkdir -p " + strMount + "; mount " + strNode + " " + strMount)) << strNode;
+        std::ifstream mounts("/proc/self/mounts");
+        std::string strFound;
+        for (std::string strLine; std::getline(mounts, strLine);)
+        {
+            strFound += strLine.find(" " + strMount + " ") != std::string::npos ? strLine : "";
+        }
+        EXPECT_NE(std::string::npos, strFound.find("nosuid,nodev,noexec")) << strFound;
+        EXPECT_EQ(0, Run("umount " + strMount + "; rm -rf " + strMount));
+        EXPECT_FALSE(Exists(strMount));
+        unlink(strNode.c_str());
+    }
 }
 
 TEST_F(Layer, KillsWhatTakesTooLongWithAllThatItStarted)
