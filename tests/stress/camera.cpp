@@ -3,6 +3,7 @@
 #include "world.h"
 
 #include "chance.h"
+#include "core/handle_private.h"
 #include "slots.h"
 #include "support/streams.h"
 #include "support/wait.h"
@@ -54,9 +55,19 @@ static void Make(WORLD_S &stWorld, CAMERA &camera)
     camera.pHandler.store(pSession, std::memory_order_release);
 }
 
+// What the library counts on a session; a stop is counted once more while it finishes the file.
+static int32_t Counted(tagQN_RECORD_HANDLER_S *pSession)
+{
+    UTIL_CALLS_S &stCalls = pSession->pstPrivate->stCalls;
+    pthread_mutex_lock(&stCalls.mutexCalls);
+    const uint32_t u32Inside = stCalls.u32Inside;
+    pthread_mutex_unlock(&stCalls.mutexCalls);
+    return static_cast<int32_t>(u32Inside);
+}
+
 static void End(WORLD_S &stWorld, CAMERA &camera)
 {
-    tagQN_RECORD_HANDLER_S *pSession = GUARDED_BeginEnd(camera);
+    tagQN_RECORD_HANDLER_S *pSession = GUARDED_BeginEnd<tagQN_RECORD_HANDLER_S>(camera, CHANCE_In100(70), Counted);
     if (pSession != nullptr)
     {
         const WATCHED watched("QN_RecordDestroy");
@@ -67,6 +78,14 @@ static void End(WORLD_S &stWorld, CAMERA &camera)
         stWorld.s32Busy -= 1;
     }
     GUARDED_Ended(camera);
+}
+
+void CAMERA_LeaveAll(WORLD_S &stWorld)
+{
+    for (CAMERA &camera : stWorld.aCameras)
+    {
+        (void)GUARDED_BeginEnd<tagQN_RECORD_HANDLER_S>(camera, true, Counted); // the handle ends it
+    }
 }
 
 // The begin of the file goes back, so that it is kept when it ends.
@@ -99,30 +118,37 @@ static void Start(tagQN_RECORD_HANDLER_S *pSession, size_t camera)
     Expect("QN_RecordStart", QN_RecordStart(pSession, CHANCE_In100(5) ? nullptr : s_apszTags[tag]), {0, 3, 7});
 }
 
+// Kinds of control calls, of a hundred; the rest sets the file's begin back.
+constexpr uint32_t STOPS = 10;
+constexpr uint32_t PAUSES = 17;
+constexpr uint32_t RESUMES = 35;
+constexpr uint32_t BYTES = 45;
+constexpr uint32_t STARTS = 85;
+constexpr int32_t STOP_WEIGHT = 2; // the library counts it once more while it finishes the file
+
 // One control call on a session that is there.
-static void Call(tagQN_RECORD_HANDLER_S *pSession, size_t camera)
+static void Call(tagQN_RECORD_HANDLER_S *pSession, size_t camera, uint32_t u32Kind)
 {
-    const uint32_t u32Kind = CHANCE_Below(100);
-    if (u32Kind < 40 || (u32Kind < 80 && pSession->enRecordState.load() == QN_RECORD_STATE_IDLE))
+    if (u32Kind >= STOPS && u32Kind < STARTS && pSession->enRecordState.load() == QN_RECORD_STATE_IDLE)
     {
         Start(pSession, camera);
     }
-    else if (u32Kind < 50)
+    else if (u32Kind < STOPS)
     {
         const WATCHED watched("QN_RecordStop");
         Expect("QN_RecordStop", QN_RecordStop(pSession), {0});
     }
-    else if (u32Kind < 57)
+    else if (u32Kind < PAUSES)
     {
         const WATCHED watched("QN_RecordPause");
         Expect("QN_RecordPause", QN_RecordPause(pSession), {0, 3});
     }
-    else if (u32Kind < 75)
+    else if (u32Kind < RESUMES)
     {
         const WATCHED watched("QN_RecordResume");
         Expect("QN_RecordResume", QN_RecordResume(pSession), {0, 3});
     }
-    else if (u32Kind < 85)
+    else if (u32Kind < BYTES)
     {
         const WATCHED watched("QN_REcordGetWriteBytes");
         if (QN_REcordGetWriteBytes(pSession) < -1)
@@ -130,15 +156,19 @@ static void Call(tagQN_RECORD_HANDLER_S *pSession, size_t camera)
             WATCH_Violation("QN_REcordGetWriteBytes answers below -1");
         }
     }
+    else if (u32Kind < STARTS)
+    {
+        Start(pSession, camera); // busy, as a rule
+    }
     else
     {
         Age(pSession);
     }
 }
 
-void CAMERA_Control(WORLD_S &stWorld, size_t camera)
+void CAMERA_Control(WORLD_S &stWorld, size_t number)
 {
-    CAMERA &mine = stWorld.aCameras[camera];
+    CAMERA &mine = stWorld.aCameras[number];
     while (!stWorld.bStop)
     {
         if (mine.pHandler == nullptr) // this thread alone sets it
@@ -150,11 +180,14 @@ void CAMERA_Control(WORLD_S &stWorld, size_t camera)
             End(stWorld, mine);
         }
         // Now and then a hand on somebody else's session.
-        const ENTERED<tagQN_RECORD_HANDLER_S> call(CHANCE_In100(20) ? stWorld.aCameras[CHANCE_Below(WORLD_CAMERAS)]
-                                                                    : mine);
-        if (call.Handler() != nullptr && !stWorld.bQuiet)
+        const uint32_t u32Kind = CHANCE_Below(100);
+        CAMERA &camera = CHANCE_In100(20) ? stWorld.aCameras[CHANCE_Below(WORLD_CAMERAS)] : mine;
         {
-            Call(call.Handler(), camera);
+            const ENTERED<tagQN_RECORD_HANDLER_S> call(camera, u32Kind < STOPS ? STOP_WEIGHT : 1);
+            if (call.Handler() != nullptr && !stWorld.bQuiet)
+            {
+                Call(call.Handler(), number, u32Kind);
+            }
         }
         TEST_SleepMs(static_cast<int32_t>(CHANCE_Below(25)));
     }
@@ -176,7 +209,7 @@ void CAMERA_Feed(WORLD_S &stWorld, size_t camera, bool bVideo)
     const std::vector<TEST_FRAME_S> &vecVideo = TEST_EncodeH264();
     const std::vector<TEST_FRAME_S> &vecAudio = TEST_EncodeAac();
     CAMERA &mine = stWorld.aCameras[camera];
-    for (size_t frame = CHANCE_Below(15); !stWorld.bStop; ++frame)
+    for (size_t frame = CHANCE_Below(15); !stWorld.bStopFrames; ++frame)
     {
         {
             const ENTERED<tagQN_RECORD_HANDLER_S> call(mine);

@@ -69,7 +69,7 @@ static void Make(WORLD_S &stWorld, PLAYER &player)
 
 static void End(WORLD_S &stWorld, PLAYER &player)
 {
-    tagQN_REPLAY_HANDLER_S *pReplay = GUARDED_BeginEnd(player);
+    tagQN_REPLAY_HANDLER_S *pReplay = GUARDED_BeginEnd(player, CHANCE_In100(70));
     if (pReplay != nullptr)
     {
         const WATCHED watched("QN_ReplayClose");

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "chance.h"
+#include "guarded.h"
 #include "watch.h"
 
 using namespace libquarrin;
@@ -45,6 +46,7 @@ public:
             WATCH_Violation("%s during another call: %s", pszName, m_pWriter->strPath.c_str());
         }
         m_pWriter->u64Calls += 1;
+        GUARDED_NoteBegun();
     }
     ~CALL()
     {
@@ -135,6 +137,7 @@ void *ReadOpen(tagQN_REPLAY_PARAM_S *, const char *, QN_FILE_FMT_E)
 
 int32_t ReadMetadata(void *pReader, tagQN_METADATA_S *pstMetadata)
 {
+    GUARDED_NoteBegun();
     CHANCE_Delay(FRAME_DELAY_MS);
     return FFMUXER_ReadMetadata(pReader, pstMetadata);
 }
@@ -142,18 +145,21 @@ int32_t ReadMetadata(void *pReader, tagQN_METADATA_S *pstMetadata)
 int32_t ReadGetFrame(void *pReader, uint8_t **ppu8Data, uint32_t *pu32Size, uint64_t *pu64Pts, bool *pbKey,
                      bool *pbVideo)
 {
+    GUARDED_NoteBegun();
     CHANCE_Delay(FRAME_DELAY_MS);
     return FFMUXER_ReadGetFrame(pReader, ppu8Data, pu32Size, pu64Pts, pbKey, pbVideo);
 }
 
 int32_t ReadReleaseFrame(void *pReader, uint8_t *pu8Data)
 {
+    GUARDED_NoteBegun();
     CHANCE_Delay(FRAME_DELAY_MS);
     return FFMUXER_ReadReleaseFrame(pReader, pu8Data);
 }
 
 int32_t ReadSeek(void *pReader, uint32_t u32Seconds)
 {
+    GUARDED_NoteBegun();
     CHANCE_Delay(FRAME_DELAY_MS);
     return FFMUXER_ReadSeek(pReader, u32Seconds);
 }

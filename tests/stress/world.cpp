@@ -38,6 +38,7 @@ static void Begin(WORLD_S &stWorld)
 {
     FillParam(stWorld);
     stWorld.bStop = false;
+    stWorld.bStopFrames = false;
     stWorld.bQuiet = false;
     if (CHANCE_In100(80) || !stWorld.card.IsMounted()) // otherwise as after a program that was killed
     {
@@ -51,35 +52,51 @@ static void Begin(WORLD_S &stWorld)
     }
 }
 
-static void Work(WORLD_S &stWorld, int32_t s32Ms)
+// A thread of the host with choices of its own.
+static std::thread Start(const std::function<void()> &fnWork)
 {
-    std::vector<std::function<void()>> vecWork = {
-        [&] { STORAGE_Control(stWorld); }, [&] { STORAGE_Plug(stWorld); },   [&] { STORAGE_Look(stWorld); },
-        [&] { PLAYER_Play(stWorld, 0); },  [&] { PLAYER_Play(stWorld, 1); }, [&] { PLAYER_Interfere(stWorld, 1); },
-    };
-    for (size_t camera = 0; camera < WORLD_CAMERAS; ++camera)
-    {
-        vecWork.emplace_back([&stWorld, camera] { CAMERA_Control(stWorld, camera); });
-        vecWork.emplace_back([&stWorld, camera] { CAMERA_Feed(stWorld, camera, true); });
-        vecWork.emplace_back([&stWorld, camera] { CAMERA_Feed(stWorld, camera, false); });
-    }
-    std::vector<std::thread> vecThreads;
-    const uint64_t u64Base = CHANCE_Below(1000000) * UINT64_C(1000);
-    for (const std::function<void()> &fnWork : vecWork)
-    {
-        vecThreads.emplace_back(
-            [&fnWork, u64Stream = u64Base + vecThreads.size()]
-            {
-                CHANCE_Thread(u64Stream);
-                fnWork();
-            });
-    }
-    (void)TEST_WaitFor([] { return WATCH_Violations() > 0; }, s32Ms / TEST_SLOW);
-    stWorld.bStop = true;
+    return std::thread(
+        [fnWork, u64Stream = static_cast<uint64_t>(CHANCE_Below(1000000))]
+        {
+            CHANCE_Thread(u64Stream);
+            fnWork();
+        });
+}
+
+static void Join(std::vector<std::thread> &vecThreads)
+{
     for (std::thread &thread : vecThreads)
     {
         thread.join();
     }
+    vecThreads.clear();
+}
+
+// The frames go on when this returns.
+static void Work(WORLD_S &stWorld, int32_t s32Ms)
+{
+    std::vector<std::thread> vecThreads;
+    vecThreads.push_back(Start([&] { STORAGE_Control(stWorld); }));
+    vecThreads.push_back(Start([&] { STORAGE_Plug(stWorld); }));
+    vecThreads.push_back(Start([&] { STORAGE_Look(stWorld); }));
+    vecThreads.push_back(Start([&] { PLAYER_Play(stWorld, 0); }));
+    vecThreads.push_back(Start([&] { PLAYER_Play(stWorld, 1); }));
+    vecThreads.push_back(Start([&] { PLAYER_Interfere(stWorld, 1); }));
+    for (size_t camera = 0; camera < WORLD_CAMERAS; ++camera)
+    {
+        vecThreads.push_back(Start([&, camera] { CAMERA_Control(stWorld, camera); }));
+        stWorld.vecFrames.push_back(Start([&, camera] { CAMERA_Feed(stWorld, camera, true); }));
+        stWorld.vecFrames.push_back(Start([&, camera] { CAMERA_Feed(stWorld, camera, false); }));
+    }
+    (void)TEST_WaitFor([] { return WATCH_Violations() > 0; }, s32Ms / TEST_SLOW);
+    stWorld.bStop = true;
+    Join(vecThreads);
+}
+
+static void EndFrames(WORLD_S &stWorld)
+{
+    stWorld.bStopFrames = true;
+    Join(stWorld.vecFrames);
 }
 
 // What the library's own lists hold, in words; empty when there is nothing.
@@ -175,6 +192,7 @@ static std::vector<std::weak_ptr<void>> Payloads(tagQN_HANDLER_S *pHandle)
 
 static void Destroy(WORLD_S &stWorld)
 {
+    CAMERA_LeaveAll(stWorld);
     const std::vector<std::weak_ptr<void>> vecPayloads = Payloads(stWorld.card.pHandle);
     {
         const WATCHED watched("QN_Destroy");
@@ -190,13 +208,14 @@ static void Destroy(WORLD_S &stWorld)
             WATCH_Violation("an event's payload outlives the handle");
         }
     }
+    EndFrames(stWorld);
     for (auto &camera : stWorld.aCameras)
     {
-        camera.pHandler = nullptr; // gone with the handle
+        GUARDED_Ended(camera);
     }
     for (auto &player : stWorld.aPlayers)
     {
-        player.pHandler = nullptr;
+        player.pHandler = nullptr; // gone with the handle
     }
     stWorld.s32Busy = 0;
     KERNEL_Forget(stWorld.card.s32Number);
@@ -218,8 +237,9 @@ void WORLD_Round(WORLD_S &stWorld, int32_t s32Ms)
     if (!CHANCE_In100(10)) // otherwise the end follows the begin at once
     {
         Work(stWorld, s32Ms);
-        if (CHANCE_In100(60)) // otherwise the handle ends in the middle of everything
+        if (CHANCE_In100(60)) // otherwise the handle ends in the middle of everything, with frames inside
         {
+            EndFrames(stWorld);
             Settle(stWorld);
         }
     }
