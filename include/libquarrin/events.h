@@ -8,6 +8,9 @@ namespace libquarrin
 {
 
 /// Empties the queue, opens it and starts the event thread; QN_Init calls it. Returns 0.
+///
+/// A thread that cannot be started is logged as an error, and the queue counts as shut down: events are dropped, nobody
+/// waits. A split then finishes its old file in the frame call.
 QN_API int32_t QN_EVENT_Init(tagQN_HANDLER_S *pHandle);
 
 /// Shuts the queue down and joins the event thread; QN_Destroy calls it. Returns 0.

@@ -20,7 +20,8 @@ extern QN_API const tagQN_PHOTO_API_S qn_photo_api_jpeg;
 
 /// Saves packed 24-bit RGB rows as a JPEG file; prints the parameters and SDL's result.
 ///
-/// A null picture, an empty one, one with a side above 65500, or a pitch too small for the width writes nothing.
+/// A null picture, an empty one, one with a side above 65500, or a pitch too small for the width writes nothing. A link,
+/// a FIFO or a device node at the path is taken away first, outside /dev; a folder stays, and the save fails.
 ///
 /// \param pu8Pixels  u32Height rows of u32Pitch bytes; borrowed for the call.
 /// \param u32Len     not used.
@@ -31,6 +32,9 @@ extern QN_API const tagQN_PHOTO_API_S qn_photo_api_jpeg;
 QN_API uint32_t JPEG_Write(const char *pszPath, const uint8_t *pu8Pixels, uint32_t u32Len, tagQN_PHOTO_PARAM_S stParam);
 
 /// Saves packed RGB as "/tmp/web_cache/TIME.[COMMENT].jpg". The folder is the host's to make; the storage is not used.
+///
+/// The save fails unless the folder is a real one that belongs to the caller's effective user and that nobody else may
+/// write to (mode 0755 or less).
 ///
 /// \param pHandle     not used; may be null.
 /// \param pu8Rgb      as of JPEG_Write.

@@ -87,9 +87,9 @@ QN_API uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pP
 /// Opens the first file; writing begins with the first key frame.
 ///
 /// Two sessions of a handle never share a path: when another one has begun a file of this name in this second, the call
-/// waits for a second of its own. A stop or a destroy of the session meanwhile ends it with 3 and nothing is begun, and so
-/// does a card that is pulled; the session is busy for another start. It gives up when the clock stands still for three
-/// seconds.
+/// waits for a second of its own. A stop or a destroy of the session meanwhile ends it with 3 and nothing is begun, and
+/// so does a card that is pulled; the session is busy for another start. It gives up when the clock stands still for
+/// three seconds.
 ///
 /// \param pSession    the session, idle.
 /// \param pszNameTag  comment for the file names; null for none. Copied.
@@ -99,8 +99,8 @@ QN_API uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pP
 ///
 /// Threads: any.
 /// Locks:   stMutex.
-/// Blocks:  on the file system; while an unmount command runs; for a second of its own as said above, one for each session
-///          that wants the same name.
+/// Blocks:  on the file system; while an unmount command runs; for a second of its own as said above, one for each
+///          session that wants the same name.
 QN_API uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag);
 
 /// Drops frames until QN_RecordResume and a key frame after it; the file stays open.
@@ -208,11 +208,13 @@ QN_API uint32_t QN_RecordClosePostProcess(tagQN_RECORD_HANDLER_S *pSession, void
 QN_API uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *pWriter,
                                               const std::string &strFilePath, time_t tStart, time_t tEnd);
 
-/// Moves a damaged file of a volume aside: "clip.a.mkv" becomes "clip.To.temp.ts".
+/// Moves a damaged file of a volume aside: "clip.a.mkv" becomes "clip.To.temp.ts", which replaces a file of that name.
+/// Anything else of that name, a folder or a link, is left alone and nothing is moved.
 ///
 /// \param pszFileName  file name inside the volume's folder.
 ///
-/// \return 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged); otherwise BU_RunCmd's result.
+/// \return 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged); 7 the new name is taken by
+///         something that is no file (logged); otherwise BU_RunCmd's result.
 ///
 /// Threads: any.
 /// Blocks:  for the command.

@@ -45,6 +45,12 @@ int32_t QN_EVENT_Init(tagQN_HANDLER_S *pHandle)
     (void)UTIL_THREAD_InitData(&pHandle->stEventThread, strName.c_str(), QN_EVENT_ProcessThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stEventThread, nullptr); // a failure shows in the log and in the state
     QN_LOG_INFO("Thread %s start", strName.c_str());
+    pHandle->pstPrivate->bNoDispatcher = pHandle->stEventThread.bNoThread;
+    if (pHandle->pstPrivate->bNoDispatcher)
+    {
+        QN_LOG_ERROR("Thread %s not started, all events are dropped", strName.c_str());
+        QN_EVENT_ShutDown(pHandle); // nobody would ever make room
+    }
     return 0;
 }
 

@@ -168,7 +168,7 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     }
     if (pHandle->stEventThread.bNoThread)
     {
-        QN_EVENT_ShutDown(pHandle); // nobody will ever make room in the ring: posts are dropped, also those that wait
+        QN_EVENT_ShutDown(pHandle); // nobody makes room in the ring: posts are dropped, also those that wait
     }
     UTIL_CALLS_Wait(pHandle->pstPrivate->stEnds); // destroys and closes that began before
     DestroySessions(pHandle);

@@ -58,6 +58,7 @@ struct tagQN_HANDLER_PRIVATE_S
     UTIL_CALLS_S stEnds; ///< destroys of sessions and closes of replays; QN_Destroy waits for them
 
     std::shared_ptr<tagQN_FORMAT_LINK_S> spFormatLink; ///< constant after QN_Init
+    bool bNoDispatcher = false; ///< constant after QN_EVENT_Init: no event thread could be started
 
     /// What the last probe or plug event told of the device; written under mutexEvent, readers take no lock.
     std::atomic<bool> bSeenPresent{false};

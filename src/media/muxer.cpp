@@ -9,6 +9,8 @@
 #include <cstring>
 #include <new>
 
+#include <unistd.h>
+
 extern "C"
 {
 #include <libavutil/dict.h>
@@ -130,7 +132,7 @@ void *FFMUXER_WriteOpen(tagQN_RECORD_PARAM_S *pstParam, const char *pszPath)
     if (!CreateFile(pWriter, pstParam, pszPath))
     {
         (void)avio_closep(&pWriter->pstFmtCtx->pb); // the file goes away anyway; null when it never opened
-        (void)remove(pszPath);                      // there may be none
+        (void)unlink(pszPath);                      // there may be none; a folder that stands there stays
         FreeWriter(pWriter);
         return nullptr;
     }

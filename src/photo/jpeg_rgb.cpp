@@ -8,10 +8,14 @@
 #include <ctime>
 #include <string>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <SDL.h>
 #include <SDL_image.h>
 
 #include "libquarrin/naming.h"
+#include "storage/new_file.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -40,7 +44,11 @@ static int32_t SaveSurface(SDL_Surface *pSurface, const char *pszPath, uint32_t 
     static const int s_s32Formats = IMG_Init(IMG_INIT_JPG);
     (void)s_s32Formats; // without JPEG support the save fails
 
-    SDL_RWops *pFile = SDL_RWFromFile(pszPath, "wbe"); // refuses a null path
+    if (pszPath == nullptr || !QN_NEWFILE_MakeWay(pszPath))
+    {
+        return -1;
+    }
+    SDL_RWops *pFile = SDL_RWFromFile(pszPath, "wbe");
     if (pFile == nullptr)
     {
         return -1;
@@ -79,6 +87,15 @@ uint32_t JPEG_Write(const char *pszPath, const uint8_t *pu8Pixels, uint32_t, tag
     return 0; // Kept: hosts see a failed save in the printed line alone.
 }
 
+// Everybody may make folders in the temporary directory, and guess the names of the pictures in it. What is the caller's
+// own there nobody else can exchange.
+static bool IsOwnFolder(const char *pszPath)
+{
+    struct stat stStat = {};
+    return lstat(pszPath, &stStat) == 0 && S_ISDIR(stStat.st_mode) && stStat.st_uid == geteuid() &&
+           (stStat.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 int32_t QN_RecordSaveRGBAsJpeg(tagQN_HANDLER_S *, const uint8_t *pu8Rgb, uint32_t u32Len, tagQN_PHOTO_PARAM_S stParam,
                                const char *pszComment, char *pszOutPath)
 {
@@ -89,7 +106,9 @@ int32_t QN_RecordSaveRGBAsJpeg(tagQN_HANDLER_S *, const uint8_t *pu8Rgb, uint32_
         memcpy(pszOutPath, strPath.c_str(),
                strPath.size() + 1); // Kept: the caller's buffer is known to be large enough
     }
-    return static_cast<int32_t>(qn_photo_api_jpeg.pfnWrite(strPath.c_str(), pu8Rgb, u32Len, stParam));
+    // Kept: a failed save shows in the slot's printed line alone.
+    const uint8_t *pu8Pixels = IsOwnFolder("/tmp/web_cache") ? pu8Rgb : nullptr;
+    return static_cast<int32_t>(qn_photo_api_jpeg.pfnWrite(strPath.c_str(), pu8Pixels, u32Len, stParam));
 }
 
 } // namespace libquarrin

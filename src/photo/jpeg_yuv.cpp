@@ -3,6 +3,7 @@
 
 #include "libquarrin/media.h"
 
+#include <cerrno>
 #include <cstring>
 
 extern "C"
@@ -13,6 +14,7 @@ extern "C"
 }
 
 #include "media/error_text.h"
+#include "storage/new_file.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -127,7 +129,8 @@ static bool AddStream(PICTURE_WRITER_S &st)
 
 static bool OpenFile(PICTURE_WRITER_S &st, const char *pszPath)
 {
-    st.s32Ret = avio_open(&st.pFormat->pb, pszPath, AVIO_FLAG_WRITE); // FFmpeg's file protocol opens close-on-exec
+    // What cannot be taken away is not opened. FFmpeg's file protocol opens close-on-exec.
+    st.s32Ret = QN_NEWFILE_MakeWay(pszPath) ? avio_open(&st.pFormat->pb, pszPath, AVIO_FLAG_WRITE) : AVERROR(EPERM);
     if (st.s32Ret < 0)
     {
         QN_LOG_ERROR_AS(LOG_TAG, "Open output failed: %s", ErrorText(st.s32Ret).szText);

@@ -5,6 +5,7 @@
 
 #include "libquarrin/record.h"
 #include "storage/card_commands.h"
+#include "storage/new_file.h"
 #include "util/log.h"
 #include "util/results.h"
 
@@ -26,6 +27,18 @@ static std::string Quoted(const std::string &strName)
         strQuoted += c;
     }
     return strQuoted;
+}
+
+static uint32_t Move(const std::string &strCommand, const std::string &strTarget)
+{
+    if (!QN_NEWFILE_IsFreeOrFile(strTarget.c_str()))
+    {
+        // mv would move the file into the folder that stands there, or that a link leads to.
+        QN_LOG_ERROR_AS("QN_RecordErrorFileClear", "%s is no file, nothing is moved", strTarget.c_str());
+        return QN_RET_OPEN;
+    }
+    QN_TRACE("volume_abs_path==%s\n", strCommand.c_str());
+    return static_cast<uint32_t>(BU_RunCmd(strCommand.c_str()));
 }
 
 uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const char *pszFileName)
@@ -52,17 +65,17 @@ uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolu
     const std::string strName = pszFileName;
     const std::string strBase = strName.substr(0, strName.find('.'));
     const std::string strFolder = pHandle->pszMountPoint + "/" + pHandle->astVolume[enVolume].pszFolder + "/";
+    const std::string strTarget = strFolder + strBase + ".To.temp.ts";
     std::string strCommand =
         "mv \"" + strFolder + Quoted(strName) + "\" \"" + strFolder + Quoted(strBase) + ".To.temp.ts\"";
     if (strCommand.size() > COMMAND_BYTES)
     {
         strCommand.resize(COMMAND_BYTES);
     }
-    QN_TRACE("volume_abs_path==%s\n", strCommand.c_str());
     QN_CARD_CommandBegin(pHandle);
-    const int32_t s32Result = BU_RunCmd(strCommand.c_str());
+    const uint32_t u32Result = Move(strCommand, strTarget);
     QN_CARD_CommandEnd(pHandle);
-    return static_cast<uint32_t>(s32Result);
+    return u32Result;
 }
 
 } // namespace libquarrin

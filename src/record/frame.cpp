@@ -155,7 +155,7 @@ static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, const
     pSession->pstPrivate->bPathClaimed = true;
     QN_RECORD_ForgetVideoLocked(pSession);
     // Kept: a file that cannot be opened is not reported; its frames are lost until the next split.
-    pSession->pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, strNewPath.c_str());
+    pSession->pWriter = QN_RECORD_OpenWriterLocked(pSession);
     return true;
 }
 
@@ -236,6 +236,11 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
     WriteLocked(pSession, stFrame);
     const auto spVolume = std::make_shared<QN_VOLUME_ID_E>(pSession->enVolumeId);
     QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume, lock);
+    if (pHandle->pstPrivate->bNoDispatcher)
+    {
+        lock.reset();
+        QN_SPLIT_FinishAll(pHandle, pSession); // nobody else will, before the session is destroyed
+    }
     return QN_RET_OK;
 }
 

@@ -10,6 +10,7 @@
 
 #include "core/handle_private.h"
 #include "libquarrin/naming.h"
+#include "storage/new_file.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
@@ -124,6 +125,12 @@ void QN_RECORD_ForgetVideoLocked(tagQN_RECORD_HANDLER_S *pSession)
     pSession->pstPrivate->bDamageSaid = false;
 }
 
+void *QN_RECORD_OpenWriterLocked(tagQN_RECORD_HANDLER_S *pSession)
+{
+    const char *pszPath = pSession->strFilePath.c_str();
+    return QN_NEWFILE_MakeWay(pszPath) ? pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, pszPath) : nullptr;
+}
+
 void *QN_RECORD_TakeWriterLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
@@ -145,7 +152,7 @@ static void ReleasePathLocked(tagQN_RECORD_HANDLER_S *pSession)
 static uint32_t OpenFirstFileLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
     QN_RECORD_ForgetVideoLocked(pSession);
-    void *pWriter = pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, pSession->strFilePath.c_str());
+    void *pWriter = QN_RECORD_OpenWriterLocked(pSession);
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
         pSession->pWriter = pWriter;

@@ -115,7 +115,6 @@ static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stI
         QN_LOG_ERROR_AS(FUNC, "invalid format %s", stInfo.strExt.c_str());
         return QN_RET_OPEN;
     }
-    pReplayHandler = nullptr;
     const tagQN_MEDIA_API_S *pstApi = ChooseApi(enFormat);
     if (pstApi == nullptr)
     {
@@ -145,6 +144,7 @@ static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stI
 uint32_t QN_ReplayOpen(tagQN_HANDLER_S *pHandle, tagQN_FILE_INFO_S stInfo, tagQN_REPLAY_PARAM_S stParam,
                        tagQN_REPLAY_HANDLER_S *&pReplayHandler)
 {
+    pReplayHandler = nullptr;
     if (pHandle == nullptr)
     {
         return QN_RET_NULL_HANDLE;
@@ -187,6 +187,7 @@ static std::string FindInVolumes(const tagQN_HANDLER_S *pHandle, const std::stri
 uint32_t QN_ReplayOpenByFileName(tagQN_HANDLER_S *pHandle, std::string strName, tagQN_REPLAY_PARAM_S stParam,
                                  tagQN_REPLAY_HANDLER_S *&pReplayHandler)
 {
+    pReplayHandler = nullptr;
     if (pHandle == nullptr)
     {
         return QN_RET_NULL_HANDLE;
@@ -208,6 +209,7 @@ uint32_t QN_ReplayOpenByFileName(tagQN_HANDLER_S *pHandle, std::string strName, 
 uint32_t QN_ReplayOpenByFilePath(tagQN_HANDLER_S *pHandle, std::string strPath, tagQN_REPLAY_PARAM_S stParam,
                                  tagQN_REPLAY_HANDLER_S *&pReplayHandler)
 {
+    pReplayHandler = nullptr;
     if (pHandle == nullptr)
     {
         return QN_RET_NULL_HANDLE;

@@ -30,7 +30,7 @@ protected:
     /// Makes the handle without a device: state UNPLUGIN, no event, nothing to be run.
     void InitUnplugged();
 
-    /// Makes the handle without an event thread: the test takes the dispatcher's steps itself.
+    /// Makes the handle and ends its event thread, with the queue still open: the test takes the dispatcher's steps itself.
     void InitWithoutEventThread();
 
     /// Sets enState under mutexState.

@@ -31,7 +31,7 @@ TEST_F(LastProducers, AreWokenAndWaitedFor)
     EXPECT_FALSE(FAKE_PLATFORM_Logged("QN_EVENT_E_HOTPLUG_OUT"));
 }
 
-TEST_F(LastProducers, MayBeAFormatWorkerAndTheEventThreadNeverStarted)
+TEST_F(LastProducers, MayBeAFormatWorkerAndTheEventThreadHasEnded)
 {
     ASSERT_NO_FATAL_FAILURE(InitWithoutEventThread());
     SetState(QN_STATE_E_PLUGIN);

@@ -241,7 +241,7 @@ TEST_F(Teardown, EndsWithAFullRingThatNobodyEmpties)
     EXPECT_EQ(1, spPayload.use_count());
 }
 
-TEST_F(Teardown, EndsWithAFullRingAndAnEventThreadThatNeverStarted)
+TEST_F(Teardown, EndsWithAFullRingAndAnEventThreadThatHasEnded)
 {
     ASSERT_NO_FATAL_FAILURE(InitWithoutEventThread());
     SetState(QN_STATE_E_MOUNTED);

@@ -4,6 +4,9 @@
 
 #include <climits>
 #include <cstdlib>
+#include <functional>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace libquarrin;
 
@@ -137,4 +140,31 @@ TEST_F(ErrorFile, MovesThatFileAndDoesNothingElse)
         remove((Folder(0) + "/" + strMoved).c_str());
     }
     EXPECT_EQ((std::vector<std::string>{"dev", "mnt"}), TEST_List(m_dir.strPath)) << "nothing else was made";
+}
+
+TEST_F(ErrorFile, IsNotMovedIntoAFolderOrThroughALink)
+{
+    const std::string strTarget = Folder(0) + "/clip.To.temp.ts";
+    const std::string strElsewhere = m_dir.strPath + "/elsewhere";
+    ASSERT_EQ(0, mkdir(strElsewhere.c_str(), 0755));
+    TEST_Touch(Folder(0) + "/clip.mkv", "damaged");
+    const std::vector<std::function<void()>> vecPlanted = {
+        [&] { ASSERT_EQ(0, mkdir(strTarget.c_str(), 0755)); },
+        [&] { ASSERT_EQ(0, symlink(strElsewhere.c_str(), strTarget.c_str())); },
+        [&] { ASSERT_EQ(0, symlink("/nowhere", strTarget.c_str())); },
+    };
+    for (const std::function<void()> &fnPlant : vecPlanted)
+    {
+        ASSERT_NO_FATAL_FAILURE(fnPlant());
+        const size_t logs = FAKE_PLATFORM_Logs().size();
+        EXPECT_NE(0u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, "clip.mkv"));
+        ASSERT_EQ(logs + 1, FAKE_PLATFORM_Logs().size());
+        EXPECT_EQ(3, FAKE_PLATFORM_Logs().back().s32Level);
+        EXPECT_EQ(0u, FAKE_PLATFORM_Logs().back().strPrefix.find("QN_RecordErrorFileClear["));
+        EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("mv "));
+        ASSERT_EQ(0, remove(strTarget.c_str()));
+    }
+    TEST_Touch(strTarget); // an older one is replaced, as ever
+    EXPECT_EQ(0u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, "clip.mkv"));
+    EXPECT_EQ(Line("clip.mkv", "clip"), LastCommand());
 }

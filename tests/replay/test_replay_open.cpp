@@ -69,6 +69,36 @@ TEST_F(ReplayList, OfAMissingFolderLeavesTheVectorAlone)
     EXPECT_EQ(2u, vecFiles.size());
 }
 
+// A host's variable may hold anything before.
+TEST_F(ReplayOpen, LeavesNullWhenItRefuses)
+{
+    const tagQN_FILE_INFO_S stInfo = Info(Clip());
+    tagQN_FILE_INFO_S stAbsent = stInfo;
+    stAbsent.strPath += ".gone";
+    tagQN_FILE_INFO_S stOdd = stInfo;
+    stOdd.strExt = "odd";
+    const auto fnExpect = [](uint32_t u32Result, const std::function<uint32_t(tagQN_REPLAY_HANDLER_S *&)> &fn)
+    {
+        int32_t s32Something = 0;
+        tagQN_REPLAY_HANDLER_S *pReplay = reinterpret_cast<tagQN_REPLAY_HANDLER_S *>(&s32Something);
+        EXPECT_EQ(u32Result, fn(pReplay));
+        EXPECT_EQ(nullptr, pReplay);
+    };
+    fnExpect(1, [&](auto *&p) { return QN_ReplayOpen(nullptr, stInfo, m_stReplayParam, p); });
+    fnExpect(1, [&](auto *&p) { return QN_ReplayOpenByFileName(nullptr, "a", m_stReplayParam, p); });
+    fnExpect(1, [&](auto *&p) { return QN_ReplayOpenByFilePath(nullptr, "a", m_stReplayParam, p); });
+    fnExpect(7, [&](auto *&p) { return QN_ReplayOpen(m_pHandle, stAbsent, m_stReplayParam, p); });
+    fnExpect(7, [&](auto *&p) { return QN_ReplayOpen(m_pHandle, stOdd, m_stReplayParam, p); });
+    fnExpect(7, [&](auto *&p) { return QN_ReplayOpenByFileName(m_pHandle, "a.ts", m_stReplayParam, p); });
+    fnExpect(7, [&](auto *&p) { return QN_ReplayOpenByFilePath(m_pHandle, "a.ts", m_stReplayParam, p); });
+    fnExpect(7, [&](auto *&p) { return QN_ReplayOpenByFilePath(m_pHandle, m_strDevice, m_stReplayParam, p); });
+    m_pHandle->enState = QN_STATE_E_UNMOUNTED;
+    fnExpect(3, [&](auto *&p) { return QN_ReplayOpen(m_pHandle, stInfo, m_stReplayParam, p); });
+    fnExpect(3, [&](auto *&p) { return QN_ReplayOpenByFileName(m_pHandle, "a", m_stReplayParam, p); });
+    fnExpect(3, [&](auto *&p) { return QN_ReplayOpenByFilePath(m_pHandle, "a", m_stReplayParam, p); });
+    m_pHandle->enState = QN_STATE_E_MOUNTED;
+}
+
 TEST_F(ReplayOpen, RefusesANullHandle)
 {
     tagQN_REPLAY_HANDLER_S *pReplay = nullptr;
