@@ -83,7 +83,7 @@ int32_t QN_STORAGE_HotplugInit(tagQN_HANDLER_S *pHandle)
     pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
     const std::string strName = pHandle->strDevName + ":hotplug";
     pHandle->s32NetlinkFd = -1;
-    pHandle->pstPrivate->bSeenPresent = IsPresent(pHandle);
+    QN_EVENT_NotePresence(pHandle, IsPresent(pHandle));
     pHandle->pstPrivate->bKernelDevice = IsKernelDevice(pHandle);
     (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, strName.c_str(), QN_STORAGE_HotplugThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stHotplugThread, nullptr); // without it, plugging goes unnoticed
