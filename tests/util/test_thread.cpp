@@ -234,6 +234,32 @@ TEST_F(ThreadUtility, DoesNotJoinTheThreadOfAnEarlierStartAgain)
     EXPECT_EQ(0, UTIL_THREAD_Destory(&m_stData, 1));
 }
 
+TEST_F(ThreadUtility, JoinsTheThreadOfALaterStart)
+{
+    Init();
+    EXPECT_EQ(0, UTIL_THREAD_Create(&m_stData, nullptr));
+    EXPECT_TRUE(WaitForSteps(1));
+    EXPECT_EQ(0, UTIL_THREAD_Destory(&m_stData, 1));
+    const int32_t s32Begun = m_stStep.s32Begun;
+    m_stStep.bHold = true;
+    EXPECT_EQ(0, UTIL_THREAD_Create(&m_stData, nullptr)); // the record is used as it is
+    EXPECT_TRUE(WaitForSteps(s32Begun + 1));
+    {
+        std::atomic<bool> bReturned{false};
+        std::thread stopper(
+            [&]
+            {
+                UTIL_THREAD_Destory(&m_stData, 1);
+                bReturned = true;
+            });
+        EXPECT_TRUE(TEST_WaitFor([this] { return m_stData.s32Run == 0; }));
+        EXPECT_FALSE(TEST_WaitFor([&bReturned] { return bReturned.load(); }, 50));
+        m_stStep.bHold = false;
+        stopper.join();
+    }
+    EXPECT_EQ(s32Begun + 1, m_stStep.s32Ended.load());
+}
+
 TEST_F(ThreadUtility, WaitsForTheRunningStepWhenItJoins)
 {
     Init();
