@@ -13,6 +13,8 @@ extern "C"
 #include <libavutil/mem.h>
 }
 
+#include "support/ffmpeg_calls.h"
+
 using namespace libquarrin;
 
 class MuxerOpen : public MUXER_TEST
@@ -147,6 +149,12 @@ TEST_F(MuxerOpen, WithoutTheFolderFailsWithTheSystemsText)
     EXPECT_TRUE(
         capture.HasLine("\\[ERROR\\]\\[FFMUXER_WriteOpen:[0-9]+\\] avio_open failed: No such file or directory"));
     EXPECT_EQ(1u, FAKE_PLATFORM_Logs().size());
+}
+
+TEST_F(MuxerOpen, WithoutAStreamFails)
+{
+    FFMPEG_CALLS_FailNext("avformat_new_stream");
+    ExpectRefused(H264(0), {"AVStream for video prepare failed."});
 }
 
 TEST_F(MuxerOpen, RefusesCodecsTwoAndThreeAsVideo)

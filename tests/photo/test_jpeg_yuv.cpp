@@ -346,6 +346,7 @@ TEST_F(JpegYuv, ReturnsTheCodeOfTheCallThatFailed)
     } astCalls[] = {
         {"avcodec_open2", "Open codec failed: Input/output error"},
         {"av_frame_get_buffer", "Get frame buffer failed: Input/output error"},
+        {"avcodec_parameters_from_context", "Create stream failed"},
         {"avio_open", "Open output failed: Input/output error"},
         {"avformat_write_header", "Write header failed: Input/output error"},
         {"avcodec_send_frame", "Send frame failed: Input/output error"},
@@ -393,6 +394,7 @@ TEST_F(JpegYuv, TakesTheStepsInTheirOrder)
                                                "av_frame_alloc",
                                                "av_frame_get_buffer",
                                                "avformat_new_stream",
+                                               "avcodec_parameters_from_context",
                                                "avio_open",
                                                "avformat_write_header",
                                                "av_packet_alloc",

@@ -62,6 +62,12 @@ TEST_F(ErrorFile, NeedsAnEnabledVolume)
     EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("mv "));
 }
 
+TEST_F(ErrorFile, NeedsAName)
+{
+    EXPECT_EQ(2u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, nullptr));
+    EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("mv "));
+}
+
 TEST_F(ErrorFile, RunsExactlyOneLineAndPrintsIt)
 {
     const struct

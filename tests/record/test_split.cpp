@@ -375,6 +375,14 @@ TEST_F(SplitPayload, WithoutAWriterGivesOneAndLeavesTheFile)
     EXPECT_TRUE(TEST_Exists(spEvent->strFilePath));
 }
 
+TEST_F(SplitPayload, MayBeMissing)
+{
+    EXPECT_EQ(1, QN_EVENT_HandleRecordAutoSplit(m_pHandle, nullptr));
+    EXPECT_EQ(0, QN_EVENT_PushEvent(m_pHandle, QN_EVENT_E_RECORD_AUTO_SPLIT, nullptr));
+    EXPECT_TRUE(WaitForIdle());
+    EXPECT_TRUE(FAKE_PLATFORM_Logged("QN_EVENT_E_RECORD_AUTO_SPLIT"));
+}
+
 TEST_F(SplitPayload, TakesNoSessionLock)
 {
     tagQN_RECORD_HANDLER_S *pSession = Make();

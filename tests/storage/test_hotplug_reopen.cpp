@@ -136,6 +136,7 @@ TEST_F(HotplugReopen, PassIsNoLongerForTheLook)
 TEST_F(HotplugReopen, UeventThatComesMeanwhileTakesThePlaceOfTheLook)
 {
     HOTPLUG_RIG rig(m_dir.strPath, "both");
+    rig.Pass(); // has listened: the look is planned
     TEST_Touch(rig.strDevice);
     TEST_Touch(rig.strDevice + "p1");
     int32_t s32Pair = rig.pHandle->s32NetlinkFd; // the rig's own end; the new socket gives way to it
@@ -222,4 +223,51 @@ TEST_F(HotplugReopen, HandlerOfAnOlderEventDoesNotForgetTheNewerOne)
     EXPECT_TRUE(rig.WaitForIdle());
     EXPECT_EQ(1, FAKE_PLATFORM_CommandCount("; mount "));
     FAKE_PLATFORM_OnCommand(nullptr);
+}
+
+TEST_F(HotplugReopen, LookIsTakenOnce)
+{
+    const HOTPLUG_RIG rig(m_dir.strPath, "once");
+    Break(rig);
+    TEST_Touch(rig.strDevice);
+    PassUntil(rig, QN_STATE_E_PLUGIN); // it has no partition
+    EXPECT_EQ(QN_STATE_E_PLUGIN, rig.pHandle->enState.load());
+    EXPECT_TRUE(rig.WaitForIdle());
+    unlink(rig.strDevice.c_str()); // the socket is whole: its uevent would tell
+    rig.Pass();
+    rig.Pass();
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(0, rig.Outs());
+}
+
+TEST_F(HotplugReopen, LookWhosePlaceAUeventTookIsNotTakenLater)
+{
+    HOTPLUG_RIG rig(m_dir.strPath, "instead");
+    rig.Pass(); // has listened
+    TEST_Touch(rig.strDevice);
+    int32_t s32Pair = rig.pHandle->s32NetlinkFd; // the rig's own end; the new socket gives way to it
+    rig.pHandle->s32NetlinkFd = -1;
+    rig.Pass(); // plans the look
+    QN_STORAGE_HotplugNetlinkClose(rig.pHandle->s32NetlinkFd);
+    rig.pHandle->s32NetlinkFd = s32Pair;
+    rig.Send("add@/devices/instead");
+    rig.Pass(); // tells it, before the look is due
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_PLUGIN; }));
+    unlink(rig.strDevice.c_str());
+    PassPastALook(rig);
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(0, rig.Outs());
+}
+
+TEST_F(HotplugReopen, CardThatIsBackBeforeItsPullWasHandledIsNoticed)
+{
+    TEST_Touch(m_dir.strPath + "/back");
+    const HOTPLUG_RIG rig(m_dir.strPath, "back");
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_PLUGIN; }));
+    rig.Send("remove@/devices/back"); // the add is lost with the socket
+    rig.Pass();
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_UNPLUGIN; }));
+    Break(rig);
+    EXPECT_GE(PassUntil(rig, QN_STATE_E_PLUGIN), 0.9);
+    EXPECT_EQ(QN_STATE_E_PLUGIN, rig.pHandle->enState.load());
 }

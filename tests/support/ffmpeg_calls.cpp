@@ -287,6 +287,15 @@ extern "C"
         return Fails("avformat_new_stream", __builtin_return_address(0)) ? nullptr : pfnReal(pContext, pCodec);
     }
 
+    int avcodec_parameters_from_context(AVCodecParameters *pParameters, const AVCodecContext *pContext)
+    {
+        static const auto pfnReal = Real(&avcodec_parameters_from_context, "avcodec_parameters_from_context");
+        int32_t s32Result = 0;
+        return Fails("avcodec_parameters_from_context", __builtin_return_address(0), &s32Result)
+                   ? s32Result
+                   : pfnReal(pParameters, pContext);
+    }
+
     int avio_open(AVIOContext **ppIo, const char *pszUrl, int s32Flags)
     {
         static const auto pfnReal = Real(&avio_open, "avio_open");

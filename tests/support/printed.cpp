@@ -7,9 +7,14 @@
 
 std::string TEST_Printed(const std::function<void()> &fn)
 {
-    STDOUT_CAPTURE capture;
-    fn();
-    return capture.Text();
+    std::string strPrinted;
+    {
+        STDOUT_CAPTURE capture;
+        fn();
+        strPrinted = capture.Text();
+    }
+    static const std::regex monitor(R"(\[QN_STORAGE_HotplugThread:\d+\] [^\n]*\n)");
+    return std::regex_replace(strPrinted, monitor, "");
 }
 
 bool TEST_HasLine(const std::string &strText, const std::string &strPattern)
