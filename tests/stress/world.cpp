@@ -219,6 +219,10 @@ static void Destroy(WORLD_S &stWorld)
     }
     stWorld.s32Busy = 0;
     KERNEL_Forget(stWorld.card.s32Number);
+    if (stWorld.card.IsMounted())
+    {
+        WATCH_Violation("the card is mounted after QN_Destroy");
+    }
     const std::string strPrefix = "c" + std::to_string(stWorld.card.s32Number) + ":";
     for (const char *pszThread : {"event", "hotplug"})
     {
