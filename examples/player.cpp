@@ -68,7 +68,8 @@ static int List(tagQN_HANDLER_S *card, const Options &options)
             continue;
         }
         // Still being written, or cut off by a pulled card or a power cut: the end is not known.
-        const bool unfinished = file.strName.find(".To.unknown.") != std::string::npos;
+        const size_t time = file.strName.find_first_not_of("0123456789-"); // a comment may hold the same words
+        const bool unfinished = time != std::string::npos && file.strName.compare(time, 12, ".To.unknown.") == 0;
         const std::string length = unfinished ? "?" : std::to_string(file.tEnd - file.tStart) + " s";
         Say("%s %8s %8s  %s", QN_STORAGE_PrettierTime(file.tStart).c_str(), length.c_str(),
             QN_STORAGE_PrettierSize(file.u64Size).c_str(), file.strName.c_str());

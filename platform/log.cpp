@@ -13,6 +13,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "printable.h"
 #include "quarrin_platform.h"
 
 static std::atomic<int32_t> s_s32Limit{PLATFORM_LOG_INFO};
@@ -97,16 +98,17 @@ int32_t PLATFORM_LogArgs(int32_t s32Level, const char *pszPrefix, const char *ps
         return 0;
     }
     const int s32Errno = errno;
-    std::string strLine = LocalTime() + " " + LevelName(s32Level) + " " + (pszPrefix != nullptr ? pszPrefix : "");
+    std::string strText = pszPrefix != nullptr ? pszPrefix : "";
     if (pszFormat != nullptr)
     {
-        AppendFormat(strLine, pszFormat, args);
+        AppendFormat(strText, pszFormat, args);
     }
-    while (!strLine.empty() && strLine.back() == '\n')
+    while (!strText.empty() && strText.back() == '\n')
     {
-        strLine.pop_back();
+        strText.pop_back();
     }
-    strLine += '\n';
+    // One message is one line: what a name on a card brings along makes no second one.
+    const std::string strLine = LocalTime() + " " + LevelName(s32Level) + " " + PLATFORM_Printable(strText) + "\n";
     WriteAll(strLine);
     errno = s32Errno;
     return static_cast<int32_t>(strLine.size());

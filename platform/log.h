@@ -15,7 +15,7 @@ enum PLATFORM_LOG_LEVEL_E : int32_t
 };
 
 /// Writes one line, when the limit lets its level through; errno is kept. A newline at the end of the text is not
-/// doubled. The number of bytes of the line, 0 for one that was held back.
+/// doubled, and control characters are escaped. The number of bytes of the line, 0 for one that was held back.
 int32_t PLATFORM_LogArgs(int32_t s32Level, const char *pszPrefix, const char *pszFormat, va_list args)
     __attribute__((format(printf, 3, 0)));
 

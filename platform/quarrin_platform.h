@@ -11,7 +11,8 @@ extern "C"
     /// Sets which log lines reach standard error.
     ///
     /// A line is written when its level is not above the limit: 3 lets errors through, 4 warnings too, 6 everything
-    /// that libquarrin says. The limit is 6 until this is called.
+    /// that libquarrin says. The limit is 6 until this is called. One message is one line: control characters in it, as a
+    /// file's name may have them, are written as escapes.
     ///
     /// \param level  the limit; 0 or less silences every line, also the errors of QN_PLATFORM_RunCommand.
     ///

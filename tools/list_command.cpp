@@ -3,12 +3,17 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <ctime>
 
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 #include "output.h"
+#include "printable.h"
+
+static const std::string LIST_UNKNOWN = ".To.unknown";
 
 struct tagTOOL_LISTED_S
 {
@@ -24,7 +29,10 @@ static tagTOOL_LISTED_S Describe(const libquarrin::tagQN_FILE_INFO_S &stInfo)
     stListed.stInfo = stInfo;
     stListed.u64Bytes =
         stat(stInfo.strPath.c_str(), &stStat) == 0 ? static_cast<uint64_t>(stStat.st_size) : stInfo.u64Size;
-    stListed.bInProgress = stInfo.strName.find(".To.unknown") != std::string::npos;
+    // Behind the start time; a comment may hold the same words.
+    const size_t uTime = stInfo.strName.find_first_not_of("0123456789-");
+    stListed.bInProgress =
+        uTime != std::string::npos && stInfo.strName.compare(uTime, LIST_UNKNOWN.size(), LIST_UNKNOWN) == 0;
     return stListed;
 }
 
@@ -55,6 +63,30 @@ static std::string ContainerText(const libquarrin::tagQN_FILE_INFO_S &stInfo)
     return enFormat == libquarrin::QN_FILE_FMT_E_UNKNOWN ? "unknown" : libquarrin::QN_STORAGE_FmtType2FileExt(enFormat);
 }
 
+/// The bytes of a text by RFC 3986; slashes stay.
+static std::string PercentEncoded(const std::string &strText)
+{
+    std::string strEncoded;
+    for (const char cOne : strText)
+    {
+        const bool bPlain = isalnum(static_cast<unsigned char>(cOne)) != 0 || strchr("-._~/", cOne) != nullptr;
+        char acByte[8];
+        snprintf(acByte, sizeof(acByte), bPlain ? "%c" : "%%%02X", static_cast<unsigned char>(cOne));
+        strEncoded += acByte;
+    }
+    return strEncoded;
+}
+
+/// A text, and its bytes besides where JSON cannot hold them.
+static void AddText(nlohmann::ordered_json &stOne, const char *pszKey, const std::string &strText)
+{
+    stOne[pszKey] = strText;
+    if (!PLATFORM_IsUtf8(strText))
+    {
+        stOne[std::string(pszKey) + "_bytes"] = PercentEncoded(strText);
+    }
+}
+
 static std::string JsonText(const std::vector<tagTOOL_LISTED_S> &vecFiles)
 {
     nlohmann::ordered_json stAll = nlohmann::ordered_json::array();
@@ -62,8 +94,8 @@ static std::string JsonText(const std::vector<tagTOOL_LISTED_S> &vecFiles)
     {
         const libquarrin::tagQN_FILE_INFO_S &stInfo = stFile.stInfo;
         nlohmann::ordered_json stOne;
-        stOne["name"] = stInfo.strName;
-        stOne["path"] = stInfo.strPath;
+        AddText(stOne, "name", stInfo.strName);
+        AddText(stOne, "path", stInfo.strPath);
         stOne["start"] = TimeText(stInfo.tStart, "%Y-%m-%dT%H:%M:%SZ");
         stOne["end"] = nullptr;
         stOne["seconds"] = nullptr;
@@ -74,12 +106,13 @@ static std::string JsonText(const std::vector<tagTOOL_LISTED_S> &vecFiles)
         }
         stOne["bytes"] = stFile.u64Bytes;
         stOne["container"] = ContainerText(stInfo);
-        stOne["comment"] = stInfo.strComment;
+        AddText(stOne, "comment", stInfo.strComment);
         stOne["in_progress"] = stFile.bInProgress;
         stAll.push_back(stOne);
     }
-    // A file name may hold bytes that are no UTF-8; JSON may not.
-    return stAll.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    // A file name may hold bytes that are no UTF-8; JSON may not. Beyond ASCII all is escaped, what moves a terminal's
+    // cursor with it.
+    return stAll.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 static std::vector<std::string> RowOf(const tagTOOL_LISTED_S &stFile)

@@ -15,7 +15,10 @@ extern "C"
 #include <libavutil/log.h>
 }
 
+#include "printable.h"
 #include "quarrin_platform.h"
+
+static constexpr size_t OUTPUT_LINE_MOST = 8192; // longer ones come in pieces
 
 static int32_t s_s32ResultFd = -1;
 static bool s_bProgressOpen = false; // a progress line stands on the terminal without its newline
@@ -55,11 +58,59 @@ static void SilenceStandardOutput()
 #endif
 }
 
+/// Writes lines whose control characters are escaped; a newline at the end of each stays.
+static void WritePrintable(const std::string &strText)
+{
+    std::string strSafe;
+    size_t uBegin = 0;
+    for (size_t uEnd = strText.find('\n'); uEnd != std::string::npos; uEnd = strText.find('\n', uBegin))
+    {
+        strSafe += TOOL_OUTPUT_Printable(strText.substr(uBegin, uEnd - uBegin)) + "\n";
+        uBegin = uEnd + 1;
+    }
+    strSafe += TOOL_OUTPUT_Printable(strText.substr(uBegin));
+    fputs(strSafe.c_str(), stderr);
+}
+
+#ifdef __GLIBC__
+static ssize_t TakeChatter(void *, const char *pcText, size_t uLen)
+{
+    WritePrintable(std::string(pcText, uLen));
+    return static_cast<ssize_t>(uLen);
+}
+#endif
+
+/// The library's chatter goes to standard error, a line at a time. It holds names of the card's.
+static void ShowChatter()
+{
+#ifdef __GLIBC__
+    FILE *pChatter = fopencookie(nullptr, "w", {nullptr, TakeChatter, nullptr, nullptr});
+    if (pChatter != nullptr)
+    {
+        stdout = pChatter;
+    }
+#endif
+    setvbuf(stdout, nullptr, _IOLBF, OUTPUT_LINE_MOST);
+}
+
+static void LogOfFfmpeg(void *pWho, int s32Level, const char *pszFormat, va_list stArgs)
+{
+    if (s32Level > av_log_get_level())
+    {
+        return;
+    }
+    char acLine[OUTPUT_LINE_MOST];
+    static int s32Begins = 1; // of a line; torn at the worst when threads of FFmpeg's speak at once
+    av_log_format_line(pWho, s32Level, pszFormat, stArgs, acLine, sizeof(acLine), &s32Begins);
+    WritePrintable(acLine);
+}
+
 void TOOL_OUTPUT_SetVerbose(bool bVerbose)
 {
     if (bVerbose)
     {
-        setvbuf(stdout, nullptr, _IOLBF, 0);
+        ShowChatter();
+        av_log_set_callback(LogOfFfmpeg);
     }
     else
     {
@@ -112,26 +163,18 @@ void TOOL_OUTPUT_Say(const char *pszFormat, ...)
 
 void TOOL_OUTPUT_Progress(const std::string &strText)
 {
+    const std::string strSafe = TOOL_OUTPUT_Printable(strText);
     if (isatty(STDERR_FILENO) == 0)
     {
-        fprintf(stderr, "%s\n", strText.c_str());
+        fprintf(stderr, "%s\n", strSafe.c_str());
         return;
     }
-    fprintf(stderr, "\r%s\x1b[K", strText.c_str()); // K clears what a longer line left behind
+    fprintf(stderr, "\r%s\x1b[K", strSafe.c_str()); // K clears what a longer line left behind
     fflush(stderr);
     s_bProgressOpen = true;
 }
 
 std::string TOOL_OUTPUT_Printable(const std::string &strText)
 {
-    std::string strClean = strText;
-    for (char &cOne : strClean)
-    {
-        const unsigned char cByte = static_cast<unsigned char>(cOne);
-        if (cByte < 0x20 || cByte == 0x7f)
-        {
-            cOne = '?';
-        }
-    }
-    return strClean;
+    return PLATFORM_Printable(strText);
 }

@@ -33,7 +33,7 @@ void TOOL_OUTPUT_Say(const char *pszFormat, ...) __attribute__((format(printf, 1
 /// Shows how the work goes: rewritten in place on a terminal, a plain line elsewhere.
 void TOOL_OUTPUT_Progress(const std::string &strText);
 
-/// Text with control characters replaced, safe for a terminal.
+/// Text with control characters escaped, safe for a terminal.
 std::string TOOL_OUTPUT_Printable(const std::string &strText);
 
 #endif

@@ -56,7 +56,7 @@ static void ShowProgress(tagTOOL_RECORDING_S &stRecording)
         acText, sizeof(acText), "%02" PRId64 ":%02" PRId64 ":%02" PRId64 "  %" PRIu64 " frames  %s  ",
         s64Seconds / 3600, s64Seconds / 60 % 60, s64Seconds % 60, stWatch.u64Frames,
         libquarrin::QN_STORAGE_PrettierSize(static_cast<uint64_t>(std::max<int64_t>(stWatch.s64Bytes, 0))).c_str());
-    TOOL_OUTPUT_Progress(acText + TOOL_OUTPUT_Printable(strPath.substr(strPath.rfind('/') + 1)) +
+    TOOL_OUTPUT_Progress(acText + strPath.substr(strPath.rfind('/') + 1) +
                          (stWatch.bFull ? "  storage full" : "  storage normal"));
 }
 
@@ -243,12 +243,12 @@ static void Run(tagTOOL_RECORDING_S &stRecording)
     }
 }
 
-/// Ends the session and says what became of its files.
-static void Finish(tagTOOL_RECORDING_S &stRecording)
+/// Ends the session and says what became of its files. False when one of them is no whole recording.
+static bool Finish(tagTOOL_RECORDING_S &stRecording)
 {
     if (stRecording.pSession == nullptr)
     {
-        return;
+        return true;
     }
     stRecording.bRunning = false;
     const time_t tEnd = time(nullptr);
@@ -256,7 +256,7 @@ static void Finish(tagTOOL_RECORDING_S &stRecording)
     (void)libquarrin::QN_RecordDestroy(stRecording.pSession); // the files' names are final behind this
     TOOL_DURABLE_End(stRecording.stDurable);                  // what is reported is on the card
     SayUnsynced(stRecording);
-    TOOL_RECORD_Report(stRecording.stWatch.vecPaths, tEnd);
+    return TOOL_RECORD_Report(stRecording.stWatch.vecPaths, tEnd);
 }
 
 static int32_t Record(tagTOOL_RECORDING_S &stRecording, const tagTOOL_QUOTA_S &stQuota)
@@ -286,8 +286,8 @@ static int32_t Record(tagTOOL_RECORDING_S &stRecording, const tagTOOL_QUOTA_S &s
     {
         TOOL_OUTPUT_Say("%s", stRecording.strFailure.c_str());
     }
-    Finish(stRecording);
-    return stRecording.strFailure.empty() ? TOOL_EXIT_GOOD : TOOL_EXIT_FAILED;
+    const bool bWhole = Finish(stRecording);
+    return stRecording.strFailure.empty() && bWhole ? TOOL_EXIT_GOOD : TOOL_EXIT_FAILED;
 }
 
 int32_t TOOL_RecordCommand(const tagTOOL_RECORD_OPTIONS_S &stOptions)

@@ -12,6 +12,7 @@
 
 #include "bu_platform.h"
 #include "helpers.h"
+#include "printable.h"
 #include "quarrin_platform.h"
 
 /// Standard error is a socket that keeps the borders of writes.
@@ -107,6 +108,31 @@ TEST_F(PlatformLog, NewlineAtTheEndIsNotDoubled)
     }
     EXPECT_TRUE(std::regex_match(NextWrite(), std::regex("[^\n]* ERROR create thread failed\n")));
     EXPECT_TRUE(std::regex_match(NextWrite(), std::regex("[^\n]* ERROR plain\n")));
+}
+
+TEST_F(PlatformLog, NamesOfStrangersMakeNoLineAndMoveNoCursor)
+{
+    {
+        const STDERR_SWAP swap(m_as32Sockets[1]);
+        UTIL_LOG_Print(4, "F[1] ", "remove %s failed\n", "a\nERROR forged\r\x1b[2J\x9b\xc2\x9b\x7f");
+        BSP_PrintLog(3, "%s\n\n", "\xe2\x80\xa8|\xe2\x80\xae|\xe2\x81\xa6|\xd8\x9c");
+    }
+    EXPECT_NE(std::string::npos, NextWrite().find("F[1] remove a\\nERROR forged\\r\\x1b[2J\\x9b\\u009b\\x7f failed\n"));
+    EXPECT_NE(std::string::npos, NextWrite().find(" \\u2028|\\u202e|\\u2066|\\u061c\n"));
+}
+
+TEST_F(PlatformLog, PrintableTextStaysAsItIs)
+{
+    const std::string strText = "Türk \\ back 日本 \xf0\x9f\x8e\xa5 \"q\"";
+    EXPECT_EQ(strText, PLATFORM_Printable(strText));
+    EXPECT_EQ("\\xc3(|\\xed\\xa0\\x80|\\xc0\\xaf|\\xe2\\x80",
+              PLATFORM_Printable("\xc3(|\xed\xa0\x80|\xc0\xaf|\xe2\x80"));
+    EXPECT_EQ("\\x00", PLATFORM_Printable(std::string(1, '\0')));
+    EXPECT_TRUE(PLATFORM_IsUtf8(strText));
+    for (const char *pszText : {"\xff", "a\xc3", "\xed\xa0\x80", "\xf4\x90\x80\x80"})
+    {
+        EXPECT_FALSE(PLATFORM_IsUtf8(pszText));
+    }
 }
 
 TEST_F(PlatformLog, LongLineIsNotCut)

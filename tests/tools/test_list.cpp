@@ -73,6 +73,52 @@ TEST_F(List, ShowsARecordingInProgressWithoutAnEnd)
     EXPECT_NE(std::string::npos, TOOL_Run({"list", "--storage", m_strStorage}).strOut.find("in progress"));
 }
 
+TEST_F(List, TakesAFinishedRecordingForFinishedWhateverItsCommentSays)
+{
+    TEST_Touch(m_strFolder + "2024-03-01-08-15-00.To.2024-03-01-08-15-10.[a.To.unknown].mkv", "1");
+    TEST_Touch(m_strFolder + "2024-03-01-08-16-00.To.unknown.[b.To.unknown].mkv", "1");
+    const nlohmann::json stFiles = Json();
+    EXPECT_FALSE(stFiles[0]["in_progress"]);
+    EXPECT_EQ(10, stFiles[0]["seconds"]);
+    EXPECT_TRUE(stFiles[1]["in_progress"]);
+}
+
+TEST_F(List, KeepsEveryByteOfANameInTheJson)
+{
+    TEST_Touch(m_strFolder + "2024-03-01-08-15-00.[\xff \x9b%].jpg", "1");
+    TEST_Touch(m_strFolder + "2024-03-01-08-15-01.[\xe2\x80\xae\xc2\x9b\x7f Tür].jpg", "1");
+    const nlohmann::json stFiles = Json();
+    ASSERT_EQ(2u, stFiles.size());
+    EXPECT_EQ("2024-03-01-08-15-00.%5B%FF%20%9B%25%5D.jpg", stFiles[0]["name_bytes"]);
+    EXPECT_EQ(m_strFolder + "2024-03-01-08-15-00.%5B%FF%20%9B%25%5D.jpg", stFiles[0]["path_bytes"]);
+    EXPECT_EQ("%FF%20%9B%25", stFiles[0]["comment_bytes"]);
+    EXPECT_FALSE(stFiles[1].contains("name_bytes"));
+    EXPECT_EQ("\xe2\x80\xae\xc2\x9b\x7f Tür", stFiles[1]["comment"]);
+}
+
+TEST_F(List, SendsNothingToATerminalThatItWouldObey)
+{
+    const std::string strEvil = "\x1b[2J\r\n\xc2\x9b\xe2\x80\xae\xe2\x80\xa8\x9b";
+    TEST_Touch(m_strFolder + "2024-03-01-08-15-00.[" + strEvil + "].jpg", "1");
+    TEST_Touch(m_strFolder + strEvil + ".jpg", "1"); // the library logs that it cannot read the name
+    for (const std::vector<std::string> &vecArgs :
+         {std::vector<std::string>{"list", "--storage", m_strStorage, "--verbose"},
+          std::vector<std::string>{"list", "--storage", m_strStorage, "--json"},
+          std::vector<std::string>{"play", strEvil, "--frames", "--storage", m_strStorage},
+          std::vector<std::string>{"list", "--storage", strEvil}, std::vector<std::string>{strEvil}})
+    {
+        const TOOL_RESULT_S stResult = TOOL_Run(vecArgs);
+        const std::string strAll = stResult.strOut + stResult.strErr;
+        for (const std::string strPart : {"\x1b", "\r", "\x9b", "\xe2\x80\xae", "\xe2\x80\xa8"})
+        {
+            EXPECT_EQ(std::string::npos, strAll.find(strPart)) << strAll;
+        }
+    }
+    const std::string strErr = TOOL_Run({"list", "--storage", m_strStorage, "--verbose"}).strErr;
+    EXPECT_NE(std::string::npos, strErr.find("\\x1b[2J\\r")) << strErr;
+    EXPECT_NE(std::string::npos, strErr.find("[WARN][")) << strErr;
+}
+
 TEST_F(List, StaysValidJsonWithNamesThatNobodyShouldGive)
 {
     TEST_Touch(m_strFolder + "2024-03-01-08-15-00.[\"\\\n\t].jpg", "1");
@@ -91,8 +137,8 @@ TEST_F(List, ShowsATableWithOneLinePerFile)
     EXPECT_EQ(0, stResult.s32Status);
     const std::vector<std::string> vecLines = TOOL_Parts(stResult.strOut, '\n');
     ASSERT_EQ(3u, vecLines.size());
-    EXPECT_EQ("START (UTC)          END (UTC)            LENGTH    SIZE   CONTAINER  COMMENT    FILE", vecLines[0]);
-    EXPECT_EQ("2024-03-01 08:15:00  2024-03-01 09:20:05  01:05:05  1.5KB  mp4        door       "
+    EXPECT_EQ("START (UTC)          END (UTC)            LENGTH    SIZE   CONTAINER  COMMENT        FILE", vecLines[0]);
+    EXPECT_EQ("2024-03-01 08:15:00  2024-03-01 09:20:05  01:05:05  1.5KB  mp4        door           "
               "2024-03-01-08-15-00.To.2024-03-01-09-20-05.[door].mp4",
               vecLines[1]);
     EXPECT_EQ(std::string::npos, stResult.strOut.find('\x1b'));

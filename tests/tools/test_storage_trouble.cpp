@@ -97,3 +97,28 @@ TEST_F(MountedFolder, EndsARecordingAtOnceWhenTheFileSystemIsFull)
     EXPECT_TRUE(IsMounted());
     EXPECT_EQ(1u, TEST_List(m_strFolder + "/rec").size()); // what fitted is kept and finished
 }
+
+TEST_F(MountedFolder, ReportsNoFileWhoseTrailerFoundNoRoom)
+{
+    const std::string strLong = RECORDINGS::Get().Media("long.ts");
+    const TOOL_RESULT_S stResult = TOOL_Run({"record", strLong, "--storage", m_strFolder, "--format", "mp4"});
+    EXPECT_EQ(1, stResult.s32Status);
+    EXPECT_EQ("", stResult.strOut);
+    EXPECT_EQ(1u, Count(stResult.strErr, ".mp4 cannot be read again: ")) << stResult.strErr;
+    EXPECT_EQ(1u, TEST_List(m_strFolder + "/rec").size()); // under a finished name, as the library left it
+}
+
+TEST_F(MountedFolder, SaysThatAShortFileCouldNotBeRemoved)
+{
+    TOOL_START_S stStart;
+    stStart.vecArgs = {"record", RECORDINGS::Get().Media("long.ts"), "--storage", m_strFolder, "--format", "ts"};
+    TOOL_PROCESS tool(stStart);
+    ASSERT_TRUE(tool.WaitForProgress(1)) << tool.Err();
+    const std::string strPath = m_strFolder + "/rec/" + TEST_List(m_strFolder + "/rec").at(0);
+    ASSERT_EQ(0, mount("/dev/null", strPath.c_str(), nullptr, MS_BIND, nullptr)); // what is mounted on is not removed
+    tool.Signal(SIGINT);
+    EXPECT_EQ(1, tool.Wait());
+    EXPECT_EQ(1u, Count(tool.Err(), " is shorter than 5 s and could not be removed\n")) << tool.Err();
+    EXPECT_EQ("", tool.Out());
+    EXPECT_EQ(0, umount(strPath.c_str()));
+}
