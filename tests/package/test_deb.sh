@@ -150,6 +150,8 @@ check "they are installed in version $version" have_version
 # shellcheck disable=SC2086 # a list of words
 check "their files are as they were packed" in_root "$root" dpkg --verify $names
 check "the tool runs and says its version" work_in_root "quarrin --version | grep -x '${version%-*}'"
+check "library and tool are hardened" "$source/tests/abi/check_hardening.sh" \
+    "$root/usr/lib/$triplet/libquarrin.so.${version%%.*}" "$root/usr/bin/quarrin"
 check "its manual page is there, of this version" has_manual_page
 check "bash finds its completion, and it completes" completes
 

@@ -106,6 +106,8 @@ else
     echo "not compared with the packages for this machine: none of the same sources are in $others"
 fi
 check "tool and library are for 32-bit ARM with hard float" is_for_arm
+check "library and tool are hardened" "$source/tests/abi/check_hardening.sh" "$prefix/bin/quarrin" \
+    "$prefix/lib/$triplet/libquarrin.so.1"
 check "the tool runs and says its version" says_version
 check "a project for this machine is refused, with the reason" refuses_this_machine
 check "the README's CMake lines compile the host" compiles_with_cmake
