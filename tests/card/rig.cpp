@@ -94,7 +94,7 @@ void CARD_REAL::TearDown()
 
 CARD_RIG::CARD_RIG(const CARD_PARAM_S &stCard) : card(stCard)
 {
-    EXPECT_TRUE(card.IsReady()) << "no card could be made in /tmp";
+    EXPECT_TRUE(card.IsReady()) << "no card could be made";
     stParam.strDevice = card.Device();
     stParam.s32PartitionNo = 1;
     stParam.pszMountPoint = card.MountDir();

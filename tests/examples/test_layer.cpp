@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "own_layer/layer.h"
+#include "support/scratch.h"
 
 using namespace libquarrin;
 
@@ -21,9 +22,8 @@ class Layer : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char szPath[] = "/tmp/quarrin-layer-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(szPath));
-        m_strDir = szPath;
+        m_strDir = TEST_MakeScratch("layer");
+        ASSERT_NE("", m_strDir);
         m_stParam.strDevice = m_strDir + "/card";
         m_stParam.s32PartitionNo = 1;
         m_stParam.pszMountPoint = m_strDir + "/mnt";
@@ -33,9 +33,7 @@ protected:
 
     void TearDown() override
     {
-        unlink((m_strDir + "/out").c_str());
-        rmdir(m_stParam.pszMountPoint.c_str());
-        rmdir(m_strDir.c_str());
+        EXPECT_TRUE(TEST_RemoveScratch(m_strDir));
     }
 
     static int Run(const std::string &strLine)

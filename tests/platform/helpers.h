@@ -12,21 +12,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/scratch.h"
+
 /// A test with a temporary directory, removed with everything in it at the end.
 class DIR_TEST : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        char szPath[] = "/tmp/quarrin-platform-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(szPath));
-        m_strDir = std::filesystem::canonical(szPath);
+        const std::string strPath = TEST_MakeScratch("platform");
+        ASSERT_NE("", strPath);
+        m_strDir = std::filesystem::canonical(strPath);
     }
 
     void TearDown() override
     {
-        std::error_code error;
-        std::filesystem::remove_all(m_strDir, error);
+        (void)TEST_RemoveScratch(m_strDir); // what somebody still has mounted stays
     }
 
     std::string MakeFile(const std::string &strName, const std::string &strText = "kept") const

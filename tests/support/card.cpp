@@ -3,24 +3,24 @@
 #include <algorithm>
 #include <cstdlib>
 #include <dirent.h>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/scratch.h"
+
 using namespace libquarrin;
 
 TEMP_DIR::TEMP_DIR()
 {
-    char szPath[] = "/tmp/quarrin-test-XXXXXX";
-    strPath = mkdtemp(szPath);
+    strPath = TEST_MakeScratch("test");
+    EXPECT_NE("", strPath) << "no folder could be made";
 }
 
 TEMP_DIR::~TEMP_DIR()
 {
-    std::error_code error;
-    std::filesystem::remove_all(strPath, error);
+    (void)TEST_RemoveScratch(strPath); // what somebody still has mounted stays
 }
 
 std::string TEST_Touch(const std::string &strPath, const std::string &strBytes)

@@ -1,6 +1,7 @@
 // What is written through to the card, when, and who waits for it.
 
 #include "durable.h"
+#include "support/scratch.h"
 
 #include <algorithm>
 #include <atomic>
@@ -63,9 +64,8 @@ class Durable : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char acDir[] = "/tmp/quarrin-durable-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(acDir));
-        m_strDir = acDir;
+        m_strDir = TEST_MakeScratch("durable");
+        ASSERT_NE("", m_strDir);
         m_strFolder = m_strDir + "/rec";
         ASSERT_EQ(0, mkdir(m_strFolder.c_str(), 0700));
         Forget();
@@ -76,12 +76,7 @@ protected:
         Syncs().bHold = false;
         Syncs().s32Errno = 0;
         TOOL_DURABLE_End(m_stDurable);
-        for (const char *pszName : {"old", "new", "final"})
-        {
-            (void)unlink(Path(pszName).c_str()); // each test makes some of them
-        }
-        EXPECT_EQ(0, rmdir(m_strFolder.c_str()));
-        EXPECT_EQ(0, rmdir(m_strDir.c_str()));
+        EXPECT_TRUE(TEST_RemoveScratch(m_strDir));
     }
 
     static void Forget()

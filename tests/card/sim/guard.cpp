@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -19,13 +18,19 @@
 #include <unistd.h>
 
 #include "loop.h"
+#include "support/scratch.h"
 
-static constexpr const char *FOLDER = "/tmp";
-static constexpr const char *PREFIX = "quarrin-card-";
-static constexpr const char *CARDS = "/tmp/quarrin-card-";
+static constexpr const char *PREFIX = "card-";
 static const std::string NOTE = "/number";
 constexpr int32_t REMOVE_TRIES = 200;
 constexpr useconds_t REMOVE_PAUSE_US = 10000;
+
+// In a folder of this user's alone: a neighbour's note would name a device that is taken off, and his links would be
+// followed.
+static std::string Cards()
+{
+    return TEST_ScratchBase() + "/" + PREFIX;
+}
 
 // What is mounted here is seen here alone. Whoever makes a mount namespace, as every container does, takes a copy of all
 // mounts that he sees; a file system lives as long as one of its mounts, and a card that was cut and is mounted again
@@ -34,15 +39,15 @@ __attribute__((constructor)) static void HideMounts()
 {
     if (geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)
     {
-        LOOP_UnmountAll(CARDS);
+        LOOP_UnmountAll(Cards().c_str());
     }
 }
 
 int GUARD_MakeDir(std::string &strDir)
 {
     // Under another name until the note is locked: a note without a lock would be taken for a dead program's.
-    std::string strNew = std::string(FOLDER) + "/quarrin-newcard-XXXXXX";
-    if (mkdtemp(&strNew[0]) == nullptr)
+    const std::string strNew = TEST_MakeScratch("newcard");
+    if (strNew.empty())
     {
         return -1;
     }
@@ -51,7 +56,7 @@ int GUARD_MakeDir(std::string &strDir)
     {
         return -1;
     }
-    strDir = CARDS + strNew.substr(strNew.size() - 6);
+    strDir = Cards() + strNew.substr(strNew.size() - 6);
     return rename(strNew.c_str(), strDir.c_str()) == 0 ? s32Note : -1;
 }
 
@@ -60,11 +65,6 @@ bool GUARD_WriteNumber(int s32Note, int32_t s32Number)
     const std::string strNumber = std::to_string(s32Number);
     return ftruncate(s32Note, 0) == 0 &&
            pwrite(s32Note, strNumber.data(), strNumber.size(), 0) == static_cast<ssize_t>(strNumber.size());
-}
-
-static int RemoveEntry(const char *pszPath, const struct stat *, int, struct FTW *)
-{
-    return remove(pszPath);
 }
 
 bool GUARD_Discard(const std::string &strDir, int32_t s32Number)
@@ -84,17 +84,12 @@ bool GUARD_Discard(const std::string &strDir, int32_t s32Number)
         }
     }
     LOOP_Unmount(-1, strDir); // a served image, which the device has held
-    if (bGone && !LOOP_HasMountBelow(strDir))
-    {
-        constexpr int OPEN_DIRS = 8;
-        return nftw(strDir.c_str(), RemoveEntry, OPEN_DIRS, FTW_DEPTH | FTW_PHYS | FTW_MOUNT) == 0;
-    }
-    return false;
+    return bGone && !LOOP_HasMountBelow(strDir) && TEST_RemoveScratch(strDir);
 }
 
 static bool CleanOne(const std::string &strDir)
 {
-    const int s32Note = open((strDir + NOTE).c_str(), O_RDWR | O_CLOEXEC);
+    const int s32Note = open((strDir + NOTE).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
     if (s32Note < 0)
     {
         return false;
@@ -114,7 +109,7 @@ int32_t GUARD_CleanStale()
 {
     std::error_code error;
     std::vector<std::string> vecDirs;
-    for (const auto &entry : std::filesystem::directory_iterator(FOLDER, error))
+    for (const auto &entry : std::filesystem::directory_iterator(TEST_ScratchBase(), error))
     {
         if (entry.path().filename().string().rfind(PREFIX, 0) == 0)
         {
