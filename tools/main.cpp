@@ -5,8 +5,15 @@
 
 #include <CLI/CLI.hpp>
 
+extern "C"
+{
+#include <libavutil/mem.h>
+}
+
 #include "commands.h"
 #include "output.h"
+
+static constexpr size_t MAX_ALLOCATION = 256 << 20;
 
 struct tagTOOL_OPTIONS_S
 {
@@ -126,6 +133,8 @@ static int32_t RunCommand(const CLI::App &stApp, tagTOOL_OPTIONS_S &stOptions)
 
 int main(int argc, char **argv)
 {
+    // FFmpeg takes no more at once, whatever a file on the card speaks of. A day of sound has an index of 100 MB.
+    av_max_alloc(MAX_ALLOCATION);
     // The library reads the UTC times of file names as local ones, so local time is UTC here.
     setenv("TZ", "UTC0", 1);
     tzset();
