@@ -162,8 +162,8 @@ void QN_EVENT_CountProducer(tagQN_HANDLER_S *pHandle, bool bBegins)
     CountProducerLocked(pHandle, bBegins);
 }
 
-// Posts, and waits for room where there is none. pCallers is let go of before the wait: a handler may want it. The call is
-// counted by then, so that nobody takes the handle away from under it.
+// Posts, and waits for room where there is none. pCallers is let go of before the wait: a handler may want it. The call
+// is counted by then, so that nobody takes the handle away from under it.
 static void Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
                  UTIL_LOCK *pCallers)
 {

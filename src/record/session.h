@@ -23,7 +23,8 @@ namespace libquarrin
 /// Threads: any. Locks: stMutex, mutexRecordList, one after the other; none while it waits.
 void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink);
 
-/// The session is not recording, and no start of it is under way. The caller holds stMutex, so that none comes to its end.
+/// The session is not recording, and no start of it is under way. The caller holds stMutex, so that none comes to its
+/// end.
 bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession);
 
 /// The session's in-progress path for a file that begins at a second. The caller holds stMutex.
@@ -32,8 +33,8 @@ std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t 
 /// The current file has no video yet. The caller holds stMutex.
 void QN_RECORD_ForgetVideoLocked(tagQN_RECORD_HANDLER_S *pSession);
 
-/// Opens a writer on the session's path, at which nothing but a regular file is left standing; null on failure. The caller
-/// holds stMutex.
+/// Opens a writer on the session's path, at which nothing but a regular file is left standing; null on failure. The
+/// caller holds stMutex.
 void *QN_RECORD_OpenWriterLocked(tagQN_RECORD_HANDLER_S *pSession);
 
 /// Takes the writer out of the session, so that nobody else closes or asks it. The caller holds stMutex.

@@ -7,11 +7,11 @@
 namespace libquarrin
 {
 
-/// Takes away what stands at the path and is no regular file: a link, a FIFO, a device node. Opened for writing it would
-/// lead elsewhere, or hang.
+/// Takes away what stands at the path and is no regular file: a link, a FIFO, a device node. Opened for writing it
+/// would lead elsewhere, or hang.
 ///
-/// A folder stays, and the open fails on it. A device node below /dev stays too: no file is recorded there, so a host that
-/// names one means it.
+/// A folder stays, and the open fails on it. A device node below /dev stays too: no file is recorded there, so a host
+/// that names one means it.
 ///
 /// \return false when it cannot be taken away: the path is not to be opened.
 bool QN_NEWFILE_MakeWay(const char *pszPath);
