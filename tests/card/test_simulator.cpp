@@ -219,6 +219,36 @@ TEST_F(Simulator, NthCallBelowAPathFails)
     close(s32First);
 }
 
+TEST_F(Simulator, RenamesDeletionsAndSyncsBelowAPathAreToldOfBeforeAndBehind)
+{
+    static std::vector<std::string> s_vecTold;
+    s_vecTold.clear();
+    const TEMP_DIR dir;
+    const TEMP_DIR other;
+    const std::string strA = dir.strPath + "/a";
+    const std::string strB = dir.strPath + "/b";
+    FAULTS_Begin(dir.strPath.c_str());
+    FAULTS_Watch([](FAULT_CALL_E enCall, const char *pszPath, bool bAfter)
+                 { s_vecTold.push_back(std::to_string(enCall) + (bAfter ? " after " : " before ") + pszPath); });
+    EXPECT_TRUE(WriteAndSync(strA, 10));
+    EXPECT_TRUE(WriteAndSync(other.strPath + "/c", 10));
+    EXPECT_EQ(0, rename(strA.c_str(), strB.c_str()));
+    EXPECT_EQ(-1, rename(strA.c_str(), strB.c_str()));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(0, remove(strB.c_str()));
+    FAULTS_Watch(nullptr);
+    EXPECT_EQ(-1, unlink(strB.c_str()));
+    FAULTS_Begin(nullptr);
+    const std::string strSync = std::to_string(FAULT_CALL_SYNC);
+    const std::string strRename = std::to_string(FAULT_CALL_RENAME);
+    const std::string strUnlink = std::to_string(FAULT_CALL_UNLINK);
+    EXPECT_EQ((std::vector<std::string>{strSync + " before " + strA, strSync + " after " + strA,
+                                        strRename + " before " + strA, strRename + " after " + strA,
+                                        strRename + " before " + strA, strUnlink + " before " + strB,
+                                        strUnlink + " after " + strB}),
+              s_vecTold);
+}
+
 TEST_F(Simulator, CardOfAKilledProgramIsTakenAway)
 {
     GUARD_Start();

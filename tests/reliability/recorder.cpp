@@ -1,6 +1,7 @@
 #include "recorder.h"
 
 #include <csignal>
+#include <cstring>
 #include <new>
 #include <thread>
 
@@ -17,6 +18,7 @@ extern "C"
 #include <libavutil/log.h>
 }
 
+#include "card/sim/faults.h"
 #include "durable.h"
 #include "support/streams.h"
 #include "virtual_clock.h"
@@ -41,6 +43,12 @@ uint32_t RECORDER_Bytes(uint32_t u32Frame)
     return static_cast<uint32_t>(Video()[u32Frame % Video().size()].vecData.size());
 }
 
+const std::vector<uint8_t> &RECORDER_Frame(bool bVideo, uint32_t u32Frame)
+{
+    const std::vector<TEST_FRAME_S> &vecFrames = bVideo ? Video() : Audio();
+    return vecFrames[u32Frame % vecFrames.size()].vecData;
+}
+
 /// All that the child has.
 struct CHILD_S
 {
@@ -49,8 +57,53 @@ struct CHILD_S
     tagQN_HANDLER_S *pHandle = nullptr;
     tagQN_RECORD_HANDLER_S *pSession = nullptr;
     tagTOOL_DURABLE_S stDurable;
-    uint32_t u32Audio = 0;
 };
+
+static CHILD_S *s_pChild = nullptr; // of the one child in this process, for the calls that are told of
+
+static int64_t StartOf(const char *pszPath)
+{
+    const char *pszName = strrchr(pszPath, '/') + 1;
+    tm stStart = {};
+    tm stEnd = {};
+    std::string strExt;
+    const bool bFolder = strchr(pszName, '.') == nullptr;
+    if (!bFolder)
+    {
+        QN_STORAGE_GetFilenameInfo(pszName, stStart, stEnd, strExt);
+    }
+    return bFolder ? 0 : timegm(&stStart); // names are UTC
+}
+
+static void NoteCall(FAULT_CALL_E enCall, const char *pszPath, bool bAfter)
+{
+    RECORDER_LOG_S &stLog = *s_pChild->pLog;
+    const uint32_t u32Call = stLog.u32Calls.fetch_add(1);
+    if (u32Call >= RECORDER_CALLS)
+    {
+        return;
+    }
+    RECORDER_CALL_S &stCall = stLog.astCalls[u32Call];
+    stCall.bAfter = bAfter;
+    stCall.s64Start = StartOf(pszPath);
+    stCall.u32Video = stLog.u32Video;
+    stCall.u32Audio = stLog.u32Audio;
+    stCall.s64Logged = *s_pChild->pParam->pLogged;
+    stCall.s64Ms = CLOCK_RealMs();
+    stCall.s64PassMs = s_pChild->stDurable.s64PassBegin;
+    stCall.enCall = enCall == FAULT_CALL_RENAME   ? RECORDER_CALL_RENAME
+                    : enCall == FAULT_CALL_UNLINK ? RECORDER_CALL_UNLINK
+                                                  : RECORDER_CALL_SYNC;
+}
+
+static void NoteCalls(CHILD_S &stChild)
+{
+    if (stChild.pParam->pLogged != nullptr)
+    {
+        FAULTS_Begin((stChild.pParam->strMount + "/rec").c_str());
+        FAULTS_Watch(NoteCall);
+    }
+}
 
 static bool Begin(CHILD_S &stChild)
 {
@@ -60,8 +113,10 @@ static bool Begin(CHILD_S &stChild)
     stStorage.pszMountPoint = stChild.pParam->strMount;
     stStorage.astVolume[0].bEnable = 1;
     stStorage.astVolume[0].pszFolder = "rec";
-    stStorage.astVolume[0].u32QuotaType = 1;
+    stStorage.astVolume[0].u32QuotaType = stChild.pParam->u32QuotaBytes == 0 ? 1 : 0;
     stStorage.astVolume[0].u32QuotaPercent = 100;
+    stStorage.astVolume[0].u32QuotaBytes = stChild.pParam->u32QuotaBytes;
+    stStorage.astVolume[0].bAutoDelete = stChild.pParam->u32QuotaBytes == 0 ? 0 : 1;
     tagQN_RECORD_PARAM_S stParam = {};
     stParam.enFormat = stChild.pParam->enFormat;
     stParam.stVideo = TEST_VideoParam(QN_CODEC_H264, Video(), 320, 240, static_cast<int32_t>(RECORDER_FPS));
@@ -91,6 +146,7 @@ static void NoteFile(CHILD_S &stChild, uint32_t u32Frame)
     }
     stLog.astFiles[u32Files].s64Start = stChild.pSession->tFileStart; // read by the one thread that changes it
     stLog.astFiles[u32Files].u32First = u32Frame;
+    stLog.astFiles[u32Files].u32FirstAudio = stLog.u32Audio;
     stLog.u32Files = u32Files + 1;
 }
 
@@ -121,12 +177,12 @@ static void WritePicture(CHILD_S &stChild, uint32_t u32Frame)
     stLog.astFiles[stLog.u32Files - 1].u32Video += 1;
     stLog.u32Video = u32Frame + 1;
     while (stChild.pParam->bAudio && !stChild.pParam->bSilent &&
-           1000 + uint64_t{stChild.u32Audio} * 1024 * 1000 / AUDIO_RATE <= u64Pts)
+           1000 + uint64_t{stLog.u32Audio} * 1024 * 1000 / AUDIO_RATE <= u64Pts)
     {
-        Write(stChild, Audio()[stChild.u32Audio % Audio().size()],
-              1000 + uint64_t{stChild.u32Audio} * 1024 * 1000 / AUDIO_RATE, false);
+        Write(stChild, Audio()[stLog.u32Audio % Audio().size()],
+              1000 + uint64_t{stLog.u32Audio} * 1024 * 1000 / AUDIO_RATE, false);
         stLog.astFiles[stLog.u32Files - 1].u32Audio += 1;
-        stChild.u32Audio++;
+        stLog.u32Audio += 1;
     }
     stLog.s64PassBeginMs = stChild.stDurable.s64PassBegin.load();
     stLog.s64LongestPassMs = stChild.stDurable.s64LongestPass.load();
@@ -149,6 +205,17 @@ static void KillLater(const RECORDER_PARAM_S *pParam, const RECORDER_LOG_S *pLog
     (void)kill(getpid(), SIGKILL); // cannot fail
 }
 
+// In the order of the tool.
+static void End(CHILD_S &stChild)
+{
+    (void)QN_RecordStop(stChild.pSession);    // refuses a null session only
+    (void)QN_RecordDestroy(stChild.pSession); // the files' names are final behind this
+    TOOL_DURABLE_End(stChild.stDurable);
+    stChild.pLog->s64LongestPassMs = stChild.stDurable.s64LongestPass.load();
+    stChild.pLog->s64PassBeginMs = 0;
+    (void)QN_Destroy(stChild.pHandle); // refuses a null handle only
+}
+
 [[noreturn]] static void RunChild(const RECORDER_PARAM_S &stParam, RECORDER_LOG_S *pLog)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL); // goes with the test program
@@ -157,8 +224,10 @@ static void KillLater(const RECORDER_PARAM_S *pParam, const RECORDER_LOG_S *pLog
     dup2(s32Null, STDERR_FILENO);
     CLOCK_Set(RECORDER_EPOCH * 1000);
     CHILD_S *pChild = new CHILD_S();
+    s_pChild = pChild;
     pChild->pParam = &stParam;
     pChild->pLog = pLog;
+    NoteCalls(*pChild);
     if (!Begin(*pChild))
     {
         pLog->bFailed = true;
@@ -174,6 +243,11 @@ static void KillLater(const RECORDER_PARAM_S *pParam, const RECORDER_LOG_S *pLog
         if (stParam.u32PauseUs > 0)
         {
             usleep(stParam.u32PauseUs);
+        }
+        if (u32Frame + 1 == stParam.u32Frames)
+        {
+            End(*pChild);
+            _exit(0);
         }
     }
     _exit(2); // nobody killed it
@@ -207,6 +281,18 @@ bool RECORDER::WaitKilled()
     const pid_t pid = waitpid(m_pid, &s32Status, 0);
     m_pid = -1;
     return pid > 0 && WIFSIGNALED(s32Status) && WTERMSIG(s32Status) == SIGKILL;
+}
+
+bool RECORDER::HasEnded()
+{
+    int32_t s32Status = 0;
+    if (m_pid > 0 && waitpid(m_pid, &s32Status, WNOHANG) == m_pid)
+    {
+        m_pid = -1;
+        m_bEnded = true;
+        EXPECT_TRUE(WIFEXITED(s32Status) && WEXITSTATUS(s32Status) == 0) << "the recorder ended with " << s32Status;
+    }
+    return m_bEnded;
 }
 
 void RECORDER::Kill()

@@ -47,9 +47,92 @@ static void FindNote(VERDICT_FILE_S &stFile, int64_t s64Start, const RECORDER_LO
     }
 }
 
+static bool IsStartCode(const uint8_t *pu8Data, size_t uLeft)
+{
+    return uLeft >= 3 && pu8Data[0] == 0 && pu8Data[1] == 0 && pu8Data[2] == 1;
+}
+
+static void AddSlice(const uint8_t *pu8Nal, size_t uBytes, std::vector<uint8_t> &vecSlices)
+{
+    constexpr uint8_t TYPE = 0x1f;
+    constexpr uint8_t SLICE = 1;
+    constexpr uint8_t IDR_SLICE = 5;
+    while (uBytes > 0 && pu8Nal[uBytes - 1] == 0)
+    {
+        uBytes--; // of the next start code
+    }
+    if (uBytes > 0 && ((pu8Nal[0] & TYPE) == SLICE || (pu8Nal[0] & TYPE) == IDR_SLICE))
+    {
+        vecSlices.insert(vecSlices.end(), pu8Nal, pu8Nal + uBytes);
+    }
+}
+
+// The slices of a picture, whose other parts the containers add and leave out as they like. By start codes, of which the
+// first has four bytes, or with the four-byte lengths of Matroska and MP4, of which none is 1.
+static std::vector<uint8_t> Slices(const uint8_t *pu8Data, size_t uBytes)
+{
+    constexpr size_t LENGTH = 4;
+    std::vector<uint8_t> vecSlices;
+    size_t uAt = 0;
+    if (uBytes > LENGTH && pu8Data[0] == 0 && IsStartCode(pu8Data + 1, uBytes - 1))
+    {
+        size_t uNal = uBytes;
+        for (uAt = 0; uAt < uBytes; uAt++)
+        {
+            if (IsStartCode(pu8Data + uAt, uBytes - uAt))
+            {
+                AddSlice(pu8Data + uNal, std::max(uAt, uNal) - uNal, vecSlices);
+                uNal = uAt + 3;
+            }
+        }
+        AddSlice(pu8Data + uNal, uBytes - uNal, vecSlices);
+        return vecSlices;
+    }
+    while (uAt + LENGTH < uBytes)
+    {
+        const uint8_t *pu8Length = pu8Data + uAt;
+        const size_t uNal = static_cast<size_t>(pu8Length[0]) << 24 | static_cast<size_t>(pu8Length[1]) << 16 |
+                            static_cast<size_t>(pu8Length[2]) << 8 | pu8Length[3];
+        uAt += LENGTH;
+        if (uNal > uBytes - uAt)
+        {
+            return {}; // damaged
+        }
+        AddSlice(pu8Data + uAt, uNal, vecSlices);
+        uAt += uNal;
+    }
+    return vecSlices;
+}
+
+// An audio frame stands in the file with its ADTS header or without.
+static bool IsSame(const AVPacket *pPacket, bool bVideo, uint32_t u32Frame)
+{
+    const std::vector<uint8_t> &vecGiven = RECORDER_Frame(bVideo, u32Frame);
+    const size_t uBytes = static_cast<size_t>(pPacket->size);
+    if (bVideo)
+    {
+        const std::vector<uint8_t> vecSlices = Slices(pPacket->data, uBytes);
+        return !vecSlices.empty() && vecSlices == Slices(vecGiven.data(), vecGiven.size());
+    }
+    return uBytes > 0 && uBytes <= vecGiven.size() &&
+           std::equal(vecGiven.end() - pPacket->size, vecGiven.end(), pPacket->data);
+}
+
+static void CountPacket(const AVPacket *pPacket, bool bVideo, const RECORDER_LOG_S &stLog, VERDICT_FILE_S &stFile)
+{
+    uint32_t &u32Found = bVideo ? stFile.u32FoundVideo : stFile.u32FoundAudio;
+    uint32_t &u32Same = bVideo ? stFile.u32SameVideo : stFile.u32SameAudio;
+    if (stFile.bNoted && u32Same == u32Found)
+    {
+        const RECORDER_FILE_S &stNote = stLog.astFiles[stFile.u32No];
+        u32Same += IsSame(pPacket, bVideo, (bVideo ? stNote.u32First : stNote.u32FirstAudio) + u32Found) ? 1 : 0;
+    }
+    u32Found += 1;
+}
+
 // Every frame that stands in the file. Edit lists are left out of account: the last audio frame of an MP4 or MOV has no
 // duration, so that they may leave it out, though it is there.
-static void CountPackets(VERDICT_FILE_S &stFile)
+static void CountPackets(VERDICT_FILE_S &stFile, const RECORDER_LOG_S &stLog)
 {
     AVFormatContext *pContext = nullptr;
     AVDictionary *pOptions = nullptr;
@@ -65,11 +148,26 @@ static void CountPackets(VERDICT_FILE_S &stFile)
     while (av_read_frame(pContext, pPacket) == 0)
     {
         const bool bVideo = pContext->streams[pPacket->stream_index]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-        (bVideo ? stFile.u32FoundVideo : stFile.u32FoundAudio) += 1;
+        CountPacket(pPacket, bVideo, stLog, stFile);
         av_packet_unref(pPacket);
     }
     av_packet_free(&pPacket);
     avformat_close_input(&pContext);
+}
+
+VERDICT_FILE_S VERDICT_LookAt(const tagQN_FILE_INFO_S &stInfo, const RECORDER_LOG_S &stLog)
+{
+    VERDICT_FILE_S stFile;
+    stFile.strPath = stInfo.strPath;
+    stFile.bFinal = stInfo.strName.find(".To.unknown") == std::string::npos;
+    stFile.s64Bytes = static_cast<int64_t>(stInfo.u64Size);
+    tm stStart = {};
+    tm stEnd = {};
+    std::string strExt;
+    QN_STORAGE_GetFilenameInfo(stInfo.strName.c_str(), stStart, stEnd, strExt);
+    FindNote(stFile, timegm(&stStart), stLog); // names are UTC
+    CountPackets(stFile, stLog);
+    return stFile;
 }
 
 std::vector<VERDICT_FILE_S> VERDICT_Look(const std::string &strFolder, const RECORDER_LOG_S &stLog)
@@ -77,19 +175,9 @@ std::vector<VERDICT_FILE_S> VERDICT_Look(const std::string &strFolder, const REC
     std::vector<tagQN_FILE_INFO_S> vecInfos;
     QN_STORAGE_ScanFolder(strFolder.c_str(), vecInfos);
     std::vector<VERDICT_FILE_S> vecFiles;
-    for (tagQN_FILE_INFO_S &stInfo : vecInfos)
+    for (const tagQN_FILE_INFO_S &stInfo : vecInfos)
     {
-        VERDICT_FILE_S stFile;
-        stFile.strPath = stInfo.strPath;
-        stFile.bFinal = stInfo.strName.find(".To.unknown") == std::string::npos;
-        stFile.s64Bytes = static_cast<int64_t>(stInfo.u64Size);
-        tm stStart = {};
-        tm stEnd = {};
-        std::string strExt;
-        QN_STORAGE_GetFilenameInfo(stInfo.strName.c_str(), stStart, stEnd, strExt);
-        FindNote(stFile, timegm(&stStart), stLog); // names are UTC
-        CountPackets(stFile);
-        vecFiles.push_back(stFile);
+        vecFiles.push_back(VERDICT_LookAt(stInfo, stLog));
     }
     return vecFiles;
 }
@@ -134,6 +222,13 @@ void FIGURE_S::Add(int64_t s64Value)
     s64Count += 1;
 }
 
+void FIGURE_S::Add(const FIGURE_S &stOther)
+{
+    s64Most = std::max(s64Most, stOther.s64Most);
+    s64Sum += stOther.s64Sum;
+    s64Count += stOther.s64Count;
+}
+
 std::string FIGURE_S::Text() const
 {
     char acText[96];
@@ -153,7 +248,7 @@ void FIGURES_Say(const char *pszFormat, ...)
     va_end(args);
 }
 
-static int64_t FromEnvironment(const char *pszName, int64_t s64Default)
+int64_t NUMBER(const char *pszName, int64_t s64Default)
 {
     const char *pszValue = getenv(pszName);
     return pszValue == nullptr ? s64Default : strtoll(pszValue, nullptr, 10);
@@ -161,12 +256,12 @@ static int64_t FromEnvironment(const char *pszName, int64_t s64Default)
 
 int32_t POINTS(int32_t s32Default)
 {
-    return static_cast<int32_t>(FromEnvironment("QUARRIN_POINTS", s32Default));
+    return static_cast<int32_t>(NUMBER("QUARRIN_POINTS", s32Default));
 }
 
 uint32_t SEED()
 {
-    static const uint32_t s_u32Seed = static_cast<uint32_t>(FromEnvironment("QUARRIN_SEED", std::random_device()()));
+    static const uint32_t s_u32Seed = static_cast<uint32_t>(NUMBER("QUARRIN_SEED", std::random_device()()));
     static const bool s_bSaid = (FIGURES_Say("QUARRIN_SEED=%u", s_u32Seed), true);
     (void)s_bSaid; // said once
     return s_u32Seed;

@@ -19,12 +19,17 @@ struct VERDICT_FILE_S
     uint32_t u32GivenAudio = 0;
     uint32_t u32FoundVideo = 0; ///< packets that a demuxer finds
     uint32_t u32FoundAudio = 0;
+    uint32_t u32SameVideo = 0; ///< packets from the first on that are, one by one, what was handed in
+    uint32_t u32SameAudio = 0;
     bool bOpened = false;
 
     /// Pictures and audio frames that are missing at its end.
     uint32_t LostVideo() const;
     uint32_t LostAudio() const;
 };
+
+/// Looks at one file of a folder.
+VERDICT_FILE_S VERDICT_LookAt(const libquarrin::tagQN_FILE_INFO_S &stInfo, const RECORDER_LOG_S &stLog);
 
 /// Looks at every file of a folder, in order of begin.
 std::vector<VERDICT_FILE_S> VERDICT_Look(const std::string &strFolder, const RECORDER_LOG_S &stLog);
@@ -44,11 +49,15 @@ struct FIGURE_S
     int64_t s64Count = 0;
 
     void Add(int64_t s64Value);
+    void Add(const FIGURE_S &stOther);
     std::string Text() const; ///< "at most 3, on average 1.2, of 200"
 };
 
 /// Prints one line of figures on standard error.
 void FIGURES_Say(const char *pszFormat, ...) __attribute__((format(printf, 1, 2)));
+
+/// A number from the environment, or s64Default.
+int64_t NUMBER(const char *pszName, int64_t s64Default);
 
 /// QUARRIN_POINTS from the environment, or s32Default.
 int32_t POINTS(int32_t s32Default);

@@ -59,7 +59,8 @@ std::string CARD::WhyNot()
 }
 
 CARD::CARD(const CARD_PARAM_S &stParam)
-    : m_bReadOnly(stParam.bReadOnly), m_bServed(stParam.bServed), m_bThin(stParam.s64ThinBytes > 0)
+    : m_bReadOnly(stParam.bReadOnly), m_bServed(stParam.bServed), m_bThin(stParam.s64ThinBytes > 0),
+      m_bWhole(stParam.bWhole)
 {
     GUARD_Start();
     m_s32Number = PickNumber();
@@ -106,7 +107,7 @@ bool CARD::Prepare(const CARD_PARAM_S &stParam)
     m_strImage = strFolder + "/image";
     if (m_bServed)
     {
-        m_upServer = std::make_unique<FUSE_IMAGE>(m_strImage, m_strDir + "/served");
+        m_upServer = std::make_unique<FUSE_IMAGE>(m_strImage, m_strDir + "/served", stParam.strLog);
     }
     if (!stParam.strFrom.empty())
     {
@@ -153,7 +154,7 @@ bool CARD::In()
     }
     m_bDevice = LOOP_Add(m_s32Number);
     m_bIn = m_bDevice && LOOP_Attach(m_s32Number, m_bServed ? m_upServer->Path() : m_strImage, m_bReadOnly);
-    if (m_bIn)
+    if (m_bIn && !m_bWhole)
     {
         StartWatch();
     }

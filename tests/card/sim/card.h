@@ -27,7 +27,9 @@ struct CARD_PARAM_S
     CARD_CONTENT_E enContent = CARD_CONTENT_EXT4; ///< what is on it
     std::string strFrom;      ///< not empty: the image is a copy of this file, whatever enContent says
     bool bReadOnly = false;   ///< its write-protect tab is set
+    bool bWhole = false;      ///< a file system on the device itself: nobody watches for a table, or opens the device
     bool bServed = false;     ///< the image comes from a server process, for Kill, Delay and Fail
+    std::string strLog;       ///< with bServed: every write and flush is logged in this file (see write_log.h)
     int64_t s64ThinBytes = 0; ///< not 0: the image has only this much room, so that writes fail later than they should
 };
 
@@ -119,6 +121,7 @@ private:
     bool m_bReadOnly;
     bool m_bServed;
     bool m_bThin;
+    bool m_bWhole;
     bool m_bReady = false;
     bool m_bIn = false;
     bool m_bDevice = false; ///< the kernel has the device

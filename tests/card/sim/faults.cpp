@@ -33,6 +33,7 @@ static const char *const NAMES[FAULT_CALL_COUNT] = {"open",   "write", "rename",
 
 static std::mutex s_mutex;
 static std::atomic<bool> s_bOn{false}; // nothing is looked at before the first FAULTS_Begin
+static std::atomic<FAULT_WATCH> s_pfnWatch{nullptr};
 static char s_acPath[PATH_MAX];
 static FAULT_STATE_S s_astState[FAULT_CALL_COUNT];
 
@@ -72,6 +73,11 @@ int32_t FAULTS_Touched(FAULT_CALL_E enCall)
 {
     const std::lock_guard<std::mutex> lock(s_mutex);
     return s_astState[enCall].s32Touched;
+}
+
+void FAULTS_Watch(FAULT_WATCH pfnWatch)
+{
+    s_pfnWatch = pfnWatch;
 }
 
 static int32_t Number(const char *pszName, int32_t s32Default)
@@ -135,22 +141,38 @@ static bool StrikesPath(FAULT_CALL_E enCall, const char *pszPath)
     return s_bOn && pszPath != nullptr && IsBelow(pszPath) && Strikes(enCall);
 }
 
-static bool StrikesDescriptor(FAULT_CALL_E enCall, int s32Fd)
+static bool PathOf(int s32Fd, char (&szPath)[PATH_MAX])
 {
-    if (!s_bOn)
-    {
-        return false;
-    }
     char szLink[32];
-    char szPath[PATH_MAX];
     snprintf(szLink, sizeof(szLink), "/proc/self/fd/%d", s32Fd);
     const ssize_t sLen = readlink(szLink, szPath, sizeof(szPath) - 1);
-    if (sLen <= 0)
+    szPath[sLen > 0 ? sLen : 0] = '\0';
+    return sLen > 0;
+}
+
+static bool StrikesDescriptor(FAULT_CALL_E enCall, int s32Fd)
+{
+    char szPath[PATH_MAX];
+    return s_bOn && PathOf(s32Fd, szPath) && IsBelow(szPath) && Strikes(enCall);
+}
+
+// Makes a call that is not struck, and tells of it before and behind.
+template <typename CALL> static int Tell(FAULT_CALL_E enCall, const char *pszPath, CALL fnCall)
+{
+    const FAULT_WATCH pfnWatch = s_pfnWatch;
+    if (pfnWatch == nullptr || !s_bOn || pszPath == nullptr || !IsBelow(pszPath))
     {
-        return false;
+        return fnCall();
     }
-    szPath[sLen] = '\0';
-    return IsBelow(szPath) && Strikes(enCall);
+    pfnWatch(enCall, pszPath, false);
+    const int s32Result = fnCall();
+    const int s32Errno = errno;
+    if (s32Result == 0)
+    {
+        pfnWatch(enCall, pszPath, true);
+    }
+    errno = s32Errno;
+    return s32Result;
 }
 
 // The mode of an open call, which is there only when a file may be made.
@@ -189,19 +211,23 @@ extern "C"
     int rename(const char *from, const char *to) noexcept
     {
         static const auto s_pfnReal = Real<int (*)(const char *, const char *)>("rename");
-        return StrikesPath(FAULT_CALL_RENAME, from) ? -1 : s_pfnReal(from, to);
+        return StrikesPath(FAULT_CALL_RENAME, from)
+                   ? -1
+                   : Tell(FAULT_CALL_RENAME, from, [from, to] { return s_pfnReal(from, to); });
     }
 
     int unlink(const char *path) noexcept
     {
         static const auto s_pfnReal = Real<int (*)(const char *)>("unlink");
-        return StrikesPath(FAULT_CALL_UNLINK, path) ? -1 : s_pfnReal(path);
+        return StrikesPath(FAULT_CALL_UNLINK, path) ? -1
+                                                    : Tell(FAULT_CALL_UNLINK, path, [path] { return s_pfnReal(path); });
     }
 
     int remove(const char *path) noexcept
     {
         static const auto s_pfnReal = Real<int (*)(const char *)>("remove");
-        return StrikesPath(FAULT_CALL_UNLINK, path) ? -1 : s_pfnReal(path);
+        return StrikesPath(FAULT_CALL_UNLINK, path) ? -1
+                                                    : Tell(FAULT_CALL_UNLINK, path, [path] { return s_pfnReal(path); });
     }
 
     int statvfs(const char *path, struct statvfs *result) noexcept
@@ -225,7 +251,13 @@ extern "C"
     int fsync(int fd)
     {
         static const auto s_pfnReal = Real<int (*)(int)>("fsync");
-        return StrikesDescriptor(FAULT_CALL_SYNC, fd) ? -1 : s_pfnReal(fd);
+        if (StrikesDescriptor(FAULT_CALL_SYNC, fd))
+        {
+            return -1;
+        }
+        char szPath[PATH_MAX];
+        const bool bNamed = s_pfnWatch.load() != nullptr && PathOf(fd, szPath);
+        return Tell(FAULT_CALL_SYNC, bNamed ? szPath : nullptr, [fd] { return s_pfnReal(fd); });
     }
 
     int socket(int domain, int type, int protocol) noexcept

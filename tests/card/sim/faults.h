@@ -32,6 +32,10 @@ struct FAULT_S
     int32_t s32DelayMs = 0; ///< takes so much longer
 };
 
+/// Hears of a rename (by its old name), unlink or sync: before it is made, and behind it when it succeeded. Runs in the
+/// thread of the call.
+typedef void (*FAULT_WATCH)(FAULT_CALL_E enCall, const char *pszPath, bool bAfter);
+
 extern "C"
 {
     /// Calls count below this path from now on; all counts begin anew and no fault is set. Null or empty: none counts.
@@ -45,6 +49,9 @@ extern "C"
 
     /// Calls of one kind that were touched since FAULTS_Begin.
     int32_t FAULTS_Touched(FAULT_CALL_E enCall);
+
+    /// Tells a function of every rename, unlink and sync below the path from now on; null: none. Stays over FAULTS_Begin.
+    void FAULTS_Watch(FAULT_WATCH pfnWatch);
 }
 
 #endif

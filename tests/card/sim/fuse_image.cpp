@@ -15,8 +15,8 @@
 
 #include "fuse_server.h"
 
-FUSE_IMAGE::FUSE_IMAGE(const std::string &strImage, const std::string &strDir)
-    : m_strImage(strImage), m_strDir(strDir), m_strPath(strDir + "/card")
+FUSE_IMAGE::FUSE_IMAGE(const std::string &strImage, const std::string &strDir, const std::string &strLog)
+    : m_strImage(strImage), m_strDir(strDir), m_strPath(strDir + "/card"), m_strLog(strLog)
 {
     void *pShared = mmap(nullptr, sizeof(FUSE_CONTROL_S), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     m_pControl = new (pShared) FUSE_CONTROL_S();
@@ -43,18 +43,19 @@ bool FUSE_IMAGE::Start()
     mkdir(m_strDir.c_str(), 0700);
     const int s32Image = open(m_strImage.c_str(), O_RDWR | O_CLOEXEC);
     const int s32Fuse = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    const int s32Log = m_strLog.empty() ? -1 : open(m_strLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const std::string strOptions = "fd=" + std::to_string(s32Fuse) + ",rootmode=40000,user_id=0,group_id=0";
-    m_bMounted = s32Image >= 0 && s32Fuse >= 0 &&
+    m_bMounted = s32Image >= 0 && s32Fuse >= 0 && (s32Log >= 0 || m_strLog.empty()) &&
                  mount("quarrin-card", m_strDir.c_str(), "fuse", MS_NOSUID | MS_NODEV, strOptions.c_str()) == 0;
     if (m_bMounted)
     {
         m_pid = fork();
         if (m_pid == 0)
         {
-            FUSE_Serve(s32Fuse, s32Image, m_pControl);
+            FUSE_Serve(s32Fuse, s32Image, s32Log, m_pControl);
         }
     }
-    for (const int s32Fd : {s32Image, s32Fuse})
+    for (const int s32Fd : {s32Image, s32Fuse, s32Log})
     {
         if (s32Fd >= 0)
         {

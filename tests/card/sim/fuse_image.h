@@ -1,5 +1,5 @@
 // An image file that a server process of our own exports, by the kernel's FUSE protocol: what goes through it can be
-// delayed, can fail, and ends for good when the server is killed.
+// delayed, can fail, can be logged, and ends for good when the server is killed.
 // Threads: one object is one thread's at a time; the settings are any thread's.
 #ifndef QUARRIN_TESTS_CARD_SIM_FUSE_IMAGE_H
 #define QUARRIN_TESTS_CARD_SIM_FUSE_IMAGE_H
@@ -20,13 +20,14 @@ struct FUSE_CONTROL_S
     std::atomic<int64_t> s64Reads{0};
     std::atomic<int64_t> s64Writes{0};
     std::atomic<int64_t> s64Failures{0};
+    std::atomic<int64_t> s64Logged{0}; ///< entries of the log that were written so far
 };
 
 class FUSE_IMAGE
 {
 public:
-    /// The image is exported as strDir/card.
-    FUSE_IMAGE(const std::string &strImage, const std::string &strDir);
+    /// The image is exported as strDir/card. Every write and flush is logged in strLog (see write_log.h); empty: it is not.
+    FUSE_IMAGE(const std::string &strImage, const std::string &strDir, const std::string &strLog = "");
     ~FUSE_IMAGE();
     FUSE_IMAGE(const FUSE_IMAGE &) = delete;
     FUSE_IMAGE &operator=(const FUSE_IMAGE &) = delete;
@@ -62,6 +63,7 @@ private:
     std::string m_strImage;
     std::string m_strDir;
     std::string m_strPath;
+    std::string m_strLog;
     pid_t m_pid = -1;
     bool m_bMounted = false;
     FUSE_CONTROL_S *m_pControl;

@@ -17,6 +17,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "write_log.h"
+
 constexpr uint64_t NODE_DIR = FUSE_ROOT_ID;
 constexpr uint64_t NODE_CARD = 2;
 constexpr uint32_t MAX_WRITE = 128 * 1024;
@@ -28,6 +30,7 @@ struct SERVER_S
 {
     int s32Fuse;
     int s32Image;
+    int s32Log; ///< -1: none
     FUSE_CONTROL_S *pControl;
     alignas(16) char acRequest[BUFFER_BYTES];
     alignas(16) char acData[MAX_WRITE];
@@ -162,16 +165,40 @@ static void Read()
     Answer(sRead < 0 ? errno : 0, s_stServer.acData, sRead < 0 ? 0 : static_cast<size_t>(sRead));
 }
 
+// Before the answer: whoever waits for it reads a count that has this one in it. A log that has no room left is an error
+// of the card's, so that the test sees it.
+static int32_t Note(int64_t s64Offset, const char *pcData, uint32_t u32Bytes)
+{
+    if (s_stServer.s32Log < 0)
+    {
+        return 0;
+    }
+    struct timespec stNow = {};
+    clock_gettime(CLOCK_MONOTONIC, &stNow);
+    WRITE_LOG_ENTRY_S stEntry = {};
+    stEntry.s64Offset = s64Offset;
+    stEntry.s64Ms = static_cast<int64_t>(stNow.tv_sec) * 1000 + stNow.tv_nsec / 1000000;
+    stEntry.u32Bytes = u32Bytes;
+    struct iovec astParts[2] = {{&stEntry, sizeof(stEntry)}, {const_cast<char *>(pcData), u32Bytes}};
+    if (writev(s_stServer.s32Log, astParts, u32Bytes > 0 ? 2 : 1) != static_cast<ssize_t>(sizeof(stEntry) + u32Bytes))
+    {
+        return EIO;
+    }
+    s_stServer.pControl->s64Logged += 1;
+    return 0;
+}
+
 static void Write()
 {
     const fuse_write_in &stIn = Body<fuse_write_in>();
     s_stServer.pControl->s64Writes += 1;
     Delay();
+    const char *pcData = s_stServer.acRequest + sizeof(fuse_in_header) + sizeof(fuse_write_in);
     int32_t s32Errno = WriteFault(true);
     ssize_t sWritten = 0;
+    s32Errno = s32Errno != 0 ? s32Errno : Note(static_cast<int64_t>(stIn.offset), pcData, stIn.size);
     if (s32Errno == 0)
     {
-        const char *pcData = s_stServer.acRequest + sizeof(fuse_in_header) + sizeof(fuse_write_in);
         sWritten = pwrite(s_stServer.s32Image, pcData, stIn.size, static_cast<off_t>(stIn.offset));
         s32Errno = sWritten < 0 ? errno : 0;
     }
@@ -183,7 +210,9 @@ static void Write()
 static void Sync()
 {
     Delay();
-    Answer(WriteFault(false), nullptr, 0); // the image is a file of the test's machine: it stays without a sync
+    const int32_t s32Fault = WriteFault(false);
+    // The image is a file of the test's machine: it stays without a sync.
+    Answer(s32Fault != 0 ? s32Fault : Note(WRITE_LOG_FLUSH, nullptr, 0), nullptr, 0);
 }
 
 static void Statfs()
@@ -241,23 +270,25 @@ static void Handle()
     }
 }
 
-// Keeps the two descriptors, as 3 and 4, and the standard ones.
-static void CloseOthers(int s32Fuse, int s32Image)
+// Keeps the three descriptors, as 3, 4 and 5, and the standard ones.
+static void CloseOthers(int s32Fuse, int s32Image, int s32Log)
 {
     constexpr int FIRST_FREE = 64;
     const int s32FuseCopy = fcntl(s32Fuse, F_DUPFD, FIRST_FREE);
     const int s32ImageCopy = fcntl(s32Image, F_DUPFD, FIRST_FREE);
+    const int s32LogCopy = s32Log < 0 ? -1 : fcntl(s32Log, F_DUPFD, FIRST_FREE);
     s_stServer.s32Fuse = dup2(s32FuseCopy, 3);
     s_stServer.s32Image = dup2(s32ImageCopy, 4);
-    syscall(SYS_close_range, 5u, ~0u, 0u);
+    s_stServer.s32Log = s32LogCopy < 0 ? -1 : dup2(s32LogCopy, 5);
+    syscall(SYS_close_range, s_stServer.s32Log < 0 ? 5u : 6u, ~0u, 0u);
 }
 
-void FUSE_Serve(int s32Fuse, int s32Image, FUSE_CONTROL_S *pControl)
+void FUSE_Serve(int s32Fuse, int s32Image, int s32Log, FUSE_CONTROL_S *pControl)
 {
     prctl(PR_SET_NAME, "card-server");
     signal(SIGINT, SIG_IGN); // the program decides when the card goes
     alarm(0);
-    CloseOthers(s32Fuse, s32Image);
+    CloseOthers(s32Fuse, s32Image, s32Log);
     s_stServer.pControl = pControl;
     for (;;)
     {
