@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 static constexpr int32_t DURABLE_TRIES = 3; // a file may get its final name while it is looked for
+static constexpr int64_t STAMP_SECONDS = 2; // granularity of vfat's time stamps; the others are finer
 
 static bool IsSame(const tagTOOL_SYNCED_S &stLeft, const tagTOOL_SYNCED_S &stRight)
 {
@@ -25,6 +26,19 @@ static bool IsSame(const tagTOOL_SYNCED_S &stLeft, const tagTOOL_SYNCED_S &stRig
 static tagTOOL_SYNCED_S StateOf(const struct stat &stStat)
 {
     return {static_cast<int64_t>(stStat.st_size), stStat.st_mtim, stStat.st_ctim};
+}
+
+static bool IsPast(const timespec &stStamp, time_t tNow)
+{
+    const int64_t s64Age = static_cast<int64_t>(tNow) - static_cast<int64_t>(stStamp.tv_sec);
+    return s64Age > STAMP_SECONDS || s64Age < -STAMP_SECONDS; // a clock that was set back gives new stamps as well
+}
+
+/// Another change would show in the time stamps. Otherwise a file that is changed during its sync, at the same size as
+/// trailers do with headers, would look as if all of it had been written through.
+static bool IsSettled(const struct stat &stStat, time_t tNow)
+{
+    return IsPast(stStat.st_mtim, tNow) && IsPast(stStat.st_ctim, tNow);
 }
 
 /// Writes one file through. 0, or errno.
@@ -49,6 +63,7 @@ static int32_t GoThrough(tagTOOL_DURABLE_S &stDurable, DIR *pFolder, bool bSync)
     while (const dirent *pEntry = readdir(pFolder))
     {
         struct stat stStat = {};
+        const time_t tNow = time(nullptr); // before the look
         if (fstatat(dirfd(pFolder), pEntry->d_name, &stStat, AT_SYMLINK_NOFOLLOW) != 0)
         {
             s32Error = s32Error == 0 ? errno : s32Error;
@@ -64,9 +79,9 @@ static int32_t GoThrough(tagTOOL_DURABLE_S &stDurable, DIR *pFolder, bool bSync)
         {
             continue;
         }
-        // What is written behind the look above shows in the next one.
+        // What is written behind the look above shows in the next one, once the file has settled.
         const int32_t s32File = bSync ? SyncFile(dirfd(pFolder), pEntry->d_name) : 0;
-        if (s32File == 0)
+        if (s32File == 0 && (!bSync || IsSettled(stStat, tNow)))
         {
             stDurable.mapSynced[stStat.st_ino] = StateOf(stStat);
         }
