@@ -10,6 +10,7 @@
 
 #include "core/handle_private.h"
 #include "libquarrin/quota.h"
+#include "storage/quota_again.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -156,13 +157,13 @@ void QN_EVENT_ProcessThread(void *pArg)
 {
     tagQN_HANDLER_S *pHandle = static_cast<tagQN_HANDLER_S *>(pArg);
     tagQN_EVENT_SLOT_S stEvent;
-    if (!TakeEvent(pHandle, stEvent))
+    if (TakeEvent(pHandle, stEvent))
     {
-        return;
+        Dispatch(pHandle, stEvent);
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
+        pHandle->pstPrivate->bDispatching = false;
     }
-    Dispatch(pHandle, stEvent);
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexEvent);
-    pHandle->pstPrivate->bDispatching = false;
+    QN_QUOTA_CheckAgain(pHandle); // behind each event, and once a second without one
 }
 
 } // namespace libquarrin

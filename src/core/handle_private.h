@@ -45,6 +45,8 @@ struct tagQN_HANDLER_PRIVATE_S
     std::list<std::pair<const tagQN_REPLAY_HANDLER_S *, std::shared_ptr<void>>> lstFramesOut;
     uint32_t u32Commands = 0; ///< commands of ours that run below the mount point; they begin through the card gate
     std::atomic<bool> bUnmounted{false}; ///< an unmount line of ours was issued, and nothing mounted since
+    /// When to check a volume again whose file system did not tell its size, CLOCK_MONOTONIC; 0: not.
+    int64_t as64QuotaAgainUs[QN_VOLUME_COUNT] = {};
 
     // Guarded by mutexEvent
     bool bDispatching = false;                  ///< a handler runs

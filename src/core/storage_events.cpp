@@ -14,6 +14,7 @@
 #include "media/frame_out.h"
 #include "record/split_files.h"
 #include "storage/card_commands.h"
+#include "storage/quota_again.h"
 #include "util/lock.h"
 #include "util/log.h"
 
@@ -120,7 +121,9 @@ int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
 
 int32_t QN_EVENT_HandleMountDone(tagQN_HANDLER_S *pHandle)
 {
-    return QN_STORAGE_QuotaInit(pHandle);
+    const int32_t s32Result = QN_STORAGE_QuotaInit(pHandle);
+    QN_QUOTA_CheckAfterMount(pHandle);
+    return s32Result;
 }
 
 int32_t QN_EVENT_HandleFormatSuccess(tagQN_HANDLER_S *pHandle)

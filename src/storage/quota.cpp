@@ -1,5 +1,6 @@
 // Quota: keeps the files of one volume below its quota, by deleting the oldest or by declaring the storage full.
-// Threads: event thread. Locks: the card gate, shared; the full flag is atomic. Not here: listing files (catalogue.cpp).
+// Threads: event thread. Locks: the card gate, shared; mutexFiles as a leaf; the full flag is atomic. Not here: listing
+// files (catalogue.cpp).
 
 #include "libquarrin/quota.h"
 
@@ -12,9 +13,11 @@
 #include "libquarrin/naming.h"
 #include "libquarrin/storage.h"
 #include "storage/card_commands.h"
+#include "storage/quota_again.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
+#include "util/pause.h"
 
 namespace libquarrin
 {
@@ -22,6 +25,8 @@ namespace libquarrin
 constexpr uint32_t QUOTA_TYPE_PERCENT = 1;
 constexpr int32_t THROTTLE_CALLS = 200;  // a check at the latest
 constexpr time_t THROTTLE_SECONDS = 119; // up to this age the last check counts
+constexpr int64_t QUERY_PAUSE_US = 1000000;
+constexpr const char *CHECK_FUNC = "QN_STORAGE_QuotaCheck"; // tag of a check's lines, whoever brought it about
 
 /// The figures of one check, in bytes.
 struct tagQN_QUOTA_SUM_S
@@ -85,33 +90,49 @@ static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
 static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume,
                          const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
 {
-    constexpr const char *FUNC = "QN_STORAGE_QuotaCheck";
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
         if (!IsFull(stSum))
         {
             break;
         }
-        if (QN_WRITING_IsClaimed(pHandle, stFile.strPath))
+        // Deleting a file that is being written frees nothing and loses the recording; so nobody begins it meanwhile.
+        const QN_CLAIM claim = QN_WRITING_ClaimScoped(pHandle, stFile.strPath);
+        if (claim == nullptr)
         {
-            continue; // deleting a file that is being written frees nothing and loses the recording
+            continue;
         }
-        QN_LOG_INFO_AS(FUNC, "Quota[%d] remove %s", static_cast<int>(enVolume), stFile.strPath.c_str());
+        QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] remove %s", static_cast<int>(enVolume), stFile.strPath.c_str());
         (void)remove(stFile.strPath.c_str()); // a file that stays still counts as freed
         stSum.u64Used -= stFile.u64Size;
     }
-    QN_LOG_INFO_AS(FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
 }
 
-int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
+// Without automatic deletion. The host may switch it on while the check runs: whoever is later sees the other's word.
+static bool StoreFull(tagQN_HANDLER_S *pHandle, const tagQN_VOLUME_PARAM_S &stVolume)
 {
-    if (!IsVolume(enVolume) || pHandle->astVolume[enVolume].bEnable == 0)
+    pHandle->enStorageState = QN_STORAGE_STATE_E_FULL;
+    if (__atomic_load_n(&stVolume.bAutoDelete, __ATOMIC_SEQ_CST))
     {
-        return 0;
+        pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
+        return false;
     }
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    return true;
+}
+
+// When the volume is to be checked again because nobody knows how large its file system is; 0: it is not.
+static void SetAgain(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, int64_t s64AgainUs)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
+    pHandle->pstPrivate->as64QuotaAgainUs[enVolume] = s64AgainUs;
+}
+
+// A check of an enabled volume; the caller holds the card gate.
+static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
+{
     const tagQN_VOLUME_PARAM_S &stVolume = pHandle->astVolume[enVolume];
     const uint64_t u64Total = static_cast<uint64_t>(QN_STORAGE_GetMountedTotalSize(pHandle->pszMountPoint.c_str()));
+    const bool bKnown = stVolume.u32QuotaType != QUOTA_TYPE_PERCENT || u64Total != 0;
     tagQN_QUOTA_SUM_S stSum = {QuotaBytes(stVolume, u64Total), 0, stVolume.u32ReserveBytes};
     const bool bAutoDelete = __atomic_load_n(&stVolume.bAutoDelete, __ATOMIC_SEQ_CST);
 
@@ -121,18 +142,84 @@ int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     {
         stSum.u64Used += stFile.u64Size;
     }
-    QN_LOG_INFO("Quota[%d] quota:%d %s", static_cast<int>(enVolume), bAutoDelete ? 1 : 0, SumText(stSum).c_str());
+    QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] quota:%d %s", static_cast<int>(enVolume), bAutoDelete ? 1 : 0,
+                   SumText(stSum).c_str());
 
     pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
+    bool bFull = false;
     if (bAutoDelete)
     {
-        DeleteOldest(pHandle, enVolume, vecFiles, stSum);
+        if (bKnown) // a part of nothing known is no reason to delete what is there
+        {
+            DeleteOldest(pHandle, enVolume, vecFiles, stSum);
+        }
+        QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
     }
     else if (IsFull(stSum))
     {
-        pHandle->enStorageState = QN_STORAGE_STATE_E_FULL;
+        bFull = StoreFull(pHandle, stVolume);
     }
+    SetAgain(pHandle, enVolume, bFull && !bKnown ? UTIL_NowUs() + QUERY_PAUSE_US : 0);
+}
+
+int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
+{
+    if (!IsVolume(enVolume) || pHandle->astVolume[enVolume].bEnable == 0)
+    {
+        return 0;
+    }
+    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    CheckGated(pHandle, enVolume);
     return 0;
+}
+
+// A check that is made on a mounted card or not at all: an unmount may have come first.
+static void CheckMounted(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
+{
+    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    if (pHandle->enState.load() != QN_STATE_E_MOUNTED || QN_CARD_IsUnmounted(pHandle))
+    {
+        SetAgain(pHandle, enVolume, 0);
+        return;
+    }
+    CheckGated(pHandle, enVolume);
+}
+
+void QN_QUOTA_CheckAfterMount(tagQN_HANDLER_S *pHandle)
+{
+    if (pHandle->enStorageState.load() != QN_STORAGE_STATE_E_FULL)
+    {
+        return;
+    }
+    for (int32_t i = QN_VOLUME_COUNT - 1; i >= 0; --i) // the word is that of the last: of the volume recorded into
+    {
+        if (pHandle->astVolume[i].bEnable != 0)
+        {
+            CheckMounted(pHandle, static_cast<QN_VOLUME_ID_E>(i));
+        }
+    }
+}
+
+void QN_QUOTA_CheckAgain(tagQN_HANDLER_S *pHandle)
+{
+    const int64_t s64NowUs = UTIL_NowUs();
+    int32_t s32Due = -1; // the volume that waits longest
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
+        const int64_t *ps64Again = pHandle->pstPrivate->as64QuotaAgainUs;
+        for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
+        {
+            const bool bDue = ps64Again[i] != 0 && ps64Again[i] <= s64NowUs;
+            if (bDue && (s32Due < 0 || ps64Again[i] < ps64Again[s32Due]))
+            {
+                s32Due = i;
+            }
+        }
+    }
+    if (s32Due >= 0)
+    {
+        CheckMounted(pHandle, static_cast<QN_VOLUME_ID_E>(s32Due));
+    }
 }
 
 int32_t QN_STORAGE_QuotaCheckWithThrottle(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)

@@ -38,11 +38,4 @@ void QN_WRITING_Release(tagQN_HANDLER_S *pHandle, const std::string &strPath)
     }
 }
 
-bool QN_WRITING_IsClaimed(tagQN_HANDLER_S *pHandle, const std::string &strPath)
-{
-    tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    return FindLocked(pPrivate, strPath) != pPrivate->lstWriting.end();
-}
-
 } // namespace libquarrin

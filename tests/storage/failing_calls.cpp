@@ -13,6 +13,8 @@
 
 static std::atomic<int32_t> s_as32Errno[TEST_CALL_COUNT]; // 0: the call is made
 static std::atomic<int32_t> s_s32Failed{0};
+static std::atomic<bool> s_bEmptyTotals{false};
+static std::function<void(const std::string &)> s_fnBeforeRemove;
 
 // A 32-bit C library has two sets of calls that know times; the headers choose the one for 64-bit times.
 static constexpr bool WIDE_TIME = sizeof(time_t) > sizeof(long);
@@ -59,12 +61,21 @@ extern "C"
     int statvfs(const char *path, struct statvfs *result) noexcept
     {
         static const auto s_pfnReal = Real<int (*)(const char *, struct statvfs *)>("statvfs64");
+        if (s_bEmptyTotals)
+        {
+            *result = {};
+            return 0;
+        }
         return Fails(TEST_CALL_STATVFS) ? -1 : s_pfnReal(path, result);
     }
 
     int remove(const char *path) noexcept
     {
         static const auto s_pfnReal = Real<int (*)(const char *)>("remove");
+        if (s_fnBeforeRemove)
+        {
+            s_fnBeforeRemove(path);
+        }
         return Fails(TEST_CALL_REMOVE) ? -1 : s_pfnReal(path);
     }
 }
@@ -76,4 +87,18 @@ void TEST_WithFailingCall(TEST_CALL_E enCall, int32_t s32Errno, const std::funct
     fnBody();
     s_as32Errno[enCall] = 0;
     EXPECT_GT(s_s32Failed, 0) << "no such call was made";
+}
+
+void TEST_WithEmptyTotals(const std::function<void()> &fnBody)
+{
+    s_bEmptyTotals = true;
+    fnBody();
+    s_bEmptyTotals = false;
+}
+
+void TEST_BeforeRemove(const std::function<void(const std::string &)> &fnBefore, const std::function<void()> &fnBody)
+{
+    s_fnBeforeRemove = fnBefore;
+    fnBody();
+    s_fnBeforeRemove = nullptr;
 }

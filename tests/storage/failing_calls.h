@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 
 enum TEST_CALL_E : int32_t
 {
@@ -19,5 +20,11 @@ enum TEST_CALL_E : int32_t
 
 /// Calls fnBody; until it comes back, every call of one kind fails with s32Errno, without being made.
 void TEST_WithFailingCall(TEST_CALL_E enCall, int32_t s32Errno, const std::function<void()> &fnBody);
+
+/// Calls fnBody; until it comes back, statvfs answers that file systems have no blocks at all.
+void TEST_WithEmptyTotals(const std::function<void()> &fnBody);
+
+/// Calls fnBody; until it comes back, every file that is about to be removed is shown to fnBefore first.
+void TEST_BeforeRemove(const std::function<void(const std::string &)> &fnBefore, const std::function<void()> &fnBody);
 
 #endif

@@ -1,4 +1,5 @@
-// Quota against the rest of the handle: files that a session is writing are spared, and an unmount finds no folder open.
+// Quota against the rest of the handle: files that a session is writing are spared, an unmount finds no folder open, and
+// a switch that is turned while a check runs counts.
 
 #include <atomic>
 #include <cstdint>
@@ -11,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "storage/failing_calls.h"
 #include "storage/storage_support.h"
 #include "support/card.h"
 
@@ -212,5 +214,59 @@ TEST_F(QuotaUnmount, OlderFileOfASessionIsSparedWhileYoungerOnesGo)
     EXPECT_EQ(0, QN_STORAGE_QuotaCheck(m_pHandle, QN_VOLUME_ID_E_0));
     EXPECT_TRUE(TEST_Exists(strWriting));
     EXPECT_FALSE(TEST_Exists(strYoung));
+    EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+}
+
+TEST_F(QuotaUnmount, DeletionSwitchedOnWhileACheckRunsEndsTheFullState)
+{
+    m_pHandle->astVolume[0].u32QuotaBytes = 0;
+    m_pHandle->astVolume[0].bAutoDelete = false;
+    EXPECT_EQ(0, QN_STORAGE_QuotaCheck(m_pHandle, QN_VOLUME_ID_E_0));
+    ASSERT_EQ(QN_STORAGE_STATE_E_FULL, m_pHandle->enStorageState.load());
+    m_pHandle->as32QuotaCountdown[0] = 0;
+    BlockCheckInListing();
+    const uint32_t u32Result = QN_RecordStorageUpdate(m_pHandle, QN_VOLUME_ID_E_0, 1); // posts nothing: it was full
+    m_upOut->Release();
+    EXPECT_TRUE(WaitForIdle());
+    m_upOut.reset();
+    EXPECT_TRUE(m_bListing);
+    EXPECT_EQ(0u, u32Result);
+    EXPECT_EQ(QN_STORAGE_STATE_E_NORMAL, m_pHandle->enStorageState.load());
+}
+
+TEST_F(QuotaUnmount, NameThatIsBeingDeletedIsNotGivenToAStart)
+{
+    const STDOUT_CAPTURE out;
+    tagQN_RECORD_PARAM_S stParam = {};
+    stParam.enFormat = QN_FILE_FMT_E_TS;
+    tagQN_RECORD_HANDLER_S *pSession = nullptr;
+    ASSERT_EQ(0u, QN_RecordInit(m_pHandle, &stParam, pSession));
+    pSession->pstMediaApi = &m_stTable;
+    m_pHandle->astVolume[0].u32QuotaBytes = 0;
+    m_pHandle->astVolume[0].bAutoDelete = true;
+    std::string strDeleted;
+    std::thread host;
+    const auto fnStart = [&](const std::string &strPath)
+    {
+        if (host.joinable())
+        {
+            return; // the next one: the start may wait for this name
+        }
+        strDeleted = strPath;
+        host = std::thread([pSession] { EXPECT_EQ(0u, QN_RecordStart(pSession, "door")); });
+        // Whoever does not wait has its file within this time.
+        TEST_WaitFor([pSession] { return pSession->enRecordState.load() == QN_RECORD_STATE_WAIT_KEY; }, GRACE_MS);
+    };
+    // What a power cut left, under the names of this second and the next ones.
+    const time_t tNow = time(nullptr);
+    for (int32_t i = 0; i < 5; ++i)
+    {
+        TEST_Touch(QN_STORAGE_GenerateRecordingFile(m_strMount.c_str(), "rec", tNow + i, "door", "ts"), "old");
+    }
+    TEST_BeforeRemove(fnStart, [this] { EXPECT_EQ(0, QN_STORAGE_QuotaCheck(m_pHandle, QN_VOLUME_ID_E_0)); });
+    host.join();
+    EXPECT_FALSE(TEST_Exists(strDeleted));
+    EXPECT_NE(strDeleted, pSession->strFilePath);
+    EXPECT_EQ(1000u, TEST_ReadFile(pSession->strFilePath).size()) << "the check deleted a recording that had begun";
     EXPECT_EQ(0u, QN_RecordDestroy(pSession));
 }
