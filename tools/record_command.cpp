@@ -77,6 +77,15 @@ static void SayUnsynced(tagTOOL_RECORDING_S &stRecording)
     }
 }
 
+static void SayWarning(tagTOOL_WATCH_S &stWatch)
+{
+    if (!stWatch.strWarning.empty())
+    {
+        TOOL_OUTPUT_Say("%s", stWatch.strWarning.c_str());
+        stWatch.strWarning.clear();
+    }
+}
+
 /// Asked all the time, also while the input is waited for: watches, shows how it goes, and says whether to end.
 static bool IsOver(tagTOOL_RECORDING_S &stRecording)
 {
@@ -88,6 +97,7 @@ static bool IsOver(tagTOOL_RECORDING_S &stRecording)
     {
         stRecording.strFailure = TOOL_WATCH_Look(stRecording.stWatch);
     }
+    SayWarning(stRecording.stWatch);
     SayUnsynced(stRecording);
     ShowProgress(stRecording);
     return TOOL_STOP_Asked() || !stRecording.strFailure.empty() || IsDurationOver(stRecording);

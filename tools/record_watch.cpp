@@ -3,6 +3,9 @@
 
 #include "record_watch.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -12,6 +15,8 @@
 static constexpr std::chrono::milliseconds WATCH_INTERVAL{250};
 // Matroska writes a cluster at a time, after five seconds at the latest, so a file may stand still for that long.
 static constexpr std::chrono::seconds WATCH_PATIENCE{8};
+// The library asks again every second how large the file system is, and drops the frames until it knows.
+static constexpr std::chrono::seconds WATCH_QUERY{4};
 
 void TOOL_WATCH_Begin(tagTOOL_WATCH_S &stWatch, libquarrin::tagQN_HANDLER_S *pHandle,
                       libquarrin::tagQN_RECORD_HANDLER_S *pSession)
@@ -26,6 +31,7 @@ void TOOL_WATCH_Begin(tagTOOL_WATCH_S &stWatch, libquarrin::tagQN_HANDLER_S *pHa
     }
     stWatch.stLastLook = std::chrono::steady_clock::now();
     stWatch.stLastGrowth = stWatch.stLastLook;
+    stWatch.stLastRoom = stWatch.stLastLook;
     TOOL_WATCH_NoteFile(stWatch);
 }
 
@@ -52,14 +58,34 @@ static bool IsGone(const tagTOOL_WATCH_S &stWatch)
            stStat.st_ino != stWatch.stInode;
 }
 
-static bool HasNoRoom(const tagTOOL_WATCH_S &stWatch)
+static bool IsPartOfFileSystem(const tagTOOL_WATCH_S &stWatch)
+{
+    return stWatch.pHandle->astVolume[libquarrin::QN_VOLUME_ID_E_0].u32QuotaType == 1;
+}
+
+/// Nothing is free, or the quota is reached. A quota in per cent of a size that the file system does not tell counts as
+/// reached; the library asks again.
+static bool HasNoRoom(tagTOOL_WATCH_S &stWatch)
 {
     struct statvfs stFs = {};
-    if (statvfs(TOOL_STORAGE_Folder(stWatch.pHandle).c_str(), &stFs) != 0 || stFs.f_blocks == 0)
+    errno = 0;
+    const bool bKnown = statvfs(TOOL_STORAGE_Folder(stWatch.pHandle).c_str(), &stFs) == 0 && stFs.f_blocks != 0;
+    if (bKnown && (geteuid() == 0 ? stFs.f_bfree : stFs.f_bavail) == 0) // the rest is kept for the super-user
     {
-        return false;
+        return true;
     }
-    return (geteuid() == 0 ? stFs.f_bfree : stFs.f_bavail) == 0; // the rest is kept for the super-user
+    if (!stWatch.bFull || (!bKnown && IsPartOfFileSystem(stWatch)))
+    {
+        stWatch.stLastRoom = stWatch.stLastLook;
+    }
+    if (!bKnown && IsPartOfFileSystem(stWatch) && !stWatch.bSizeUnknown)
+    {
+        stWatch.bSizeUnknown = true;
+        stWatch.strWarning = std::string("warning: the file system does not tell its size: ") +
+                             (errno != 0 ? strerror(errno) : "it has no blocks") +
+                             "; until it does nothing is deleted, and frames may be dropped";
+    }
+    return stWatch.bFull && (!IsPartOfFileSystem(stWatch) || stWatch.stLastLook - stWatch.stLastRoom >= WATCH_QUERY);
 }
 
 /// FFmpeg's count of written bytes goes on when the file system refuses them, so the file's own size counts as well.
@@ -93,7 +119,7 @@ std::string TOOL_WATCH_Look(tagTOOL_WATCH_S &stWatch)
     {
         return "card gone";
     }
-    if (stWatch.bFull || HasNoRoom(stWatch))
+    if (HasNoRoom(stWatch))
     {
         stWatch.bFull = true;
         return "storage full";

@@ -1,4 +1,4 @@
-// Watches a recording: is the folder still there, is there room, does the file grow.
+// Watches a recording: is the folder still there, is there room and is it known, does the file grow.
 #ifndef QUARRIN_TOOLS_RECORD_WATCH_H
 #define QUARRIN_TOOLS_RECORD_WATCH_H
 
@@ -18,11 +18,14 @@ struct tagTOOL_WATCH_S
     ino_t stInode = 0;                                      ///< the same
     std::chrono::steady_clock::time_point stLastLook;       ///< the last look
     std::chrono::steady_clock::time_point stLastGrowth;     ///< when the file was seen to grow
+    std::chrono::steady_clock::time_point stLastRoom;       ///< when there was room, or nobody knew
     uint64_t u64Frames = 0;                                 ///< handed in so far; the recording counts them
     uint64_t u64FramesAtGrowth = 0;                         ///< as they were at stLastGrowth
     int64_t s64Bytes = 0;                                   ///< written into the current file, for the progress line
     int64_t s64OnDisk = -1;                                 ///< size of the current file as the file system has it
     bool bFull = false;                                     ///< the library declared the storage full
+    bool bSizeUnknown = false;                              ///< it was said that the file system does not tell its size
+    std::string strWarning;                                 ///< what is to be said, once; the recording goes on
     std::vector<std::string> vecPaths;                      ///< in-progress paths of all files, the current one last
 };
 

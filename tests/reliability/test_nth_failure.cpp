@@ -1,4 +1,5 @@
-// Every system call of a recording fails once: the first, the second, the third, until a run passes untouched.
+// Every system call of a recording fails once: the first, the second, the third, until a run passes untouched. With a
+// quota in bytes, and with one in per cent; both delete.
 
 #include <cerrno>
 #include <functional>
@@ -110,6 +111,51 @@ protected:
         return u32Found;
     }
 
+    /// Gives the volume a part of the file system, most of which is free.
+    void SetPercent(bool bPercent)
+    {
+        m_stParam.astVolume[0].u32QuotaType = bPercent ? 1 : 0;
+        m_stParam.astVolume[0].u32QuotaPercent = 95;
+        m_stParam.astVolume[0].bAutoDelete = true;
+    }
+
+    /// The loop of one container and one kind of quota.
+    void RunUntilUntouched(const KIND_S &stKind, QN_FILE_FMT_E enFormat, bool bPercent)
+    {
+        SetPercent(bPercent);
+        RunOnce(enFormat); // FFmpeg and the C library keep what they make on the first use
+        CountAndClear(KEEP);
+        const int32_t s32Descriptors = PROCESS_DescriptorCount();
+        const int32_t s32Threads = PROCESS_ThreadCount();
+        int32_t s32Touched = 1;
+        int32_t s32Nth = 0;
+        while (s32Touched > 0 && s32Nth < MOST_CALLS && !HasFailure())
+        {
+            SCOPED_TRACE(std::string(stKind.pszName) + " number " + std::to_string(++s32Nth) + " fails" +
+                         (bPercent ? ", quota in per cent" : ""));
+            FAULTS_Begin(m_strMount.c_str());
+            const FAULT_S stFault = {s32Nth, stKind.s32Times, stKind.s32Errno, 0};
+            FAULTS_Set(stKind.enCall, &stFault);
+            RunOnce(enFormat);
+            s32Touched = FAULTS_Touched(stKind.enCall);
+            FAULTS_Begin(nullptr);
+            EXPECT_EQ(m_strBytes, TEST_ReadFile(Folder(0) + "/" + KEEP));
+            const uint32_t u32Found = CountAndClear(KEEP);
+            if (!stKind.bFramesMayGo || s32Touched == 0)
+            {
+                EXPECT_GE(u32Found, KEPT_PICTURES);
+            }
+            EXPECT_TRUE(TEST_WaitFor([s32Threads] { return PROCESS_ThreadCount() <= s32Threads; }));
+            EXPECT_EQ(s32Descriptors, PROCESS_DescriptorCount());
+        }
+        EXPECT_EQ(0, s32Touched);
+        EXPECT_GT(s32Nth, 1) << "no such call was made";
+        FIGURES_Say("%s, %s, quota in %s: %d runs until one passed untouched", stKind.pszName,
+                    QN_STORAGE_FmtType2FileExt(enFormat), bPercent ? "per cent" : "bytes", s32Nth);
+    }
+
+    static constexpr const char *KEEP = "2020-01-01-00-00-00.To.2020-01-01-00-01-00.mkv"; // an earlier recording
+    const std::string m_strBytes = std::string(5000, 'k');
     int32_t m_s32Runs = 0;
 };
 
@@ -120,39 +166,11 @@ TEST_P(NthFailure, LeavesNothingBehindAndHarmsNoEarlierRecording)
     InitMounted();
     EXPECT_EQ(0u, QN_Destroy(m_pHandle));
     m_pHandle = nullptr;
-    const std::string strKeep = "2020-01-01-00-00-00.To.2020-01-01-00-01-00.mkv";
-    const std::string strBytes(5000, 'k');
-    TEST_Touch(Folder(0) + "/" + strKeep, strBytes);
+    TEST_Touch(Folder(0) + "/" + KEEP, m_strBytes);
     for (const QN_FILE_FMT_E enFormat : {QN_FILE_FMT_E_MKV, QN_FILE_FMT_E_MP4})
     {
-        RunOnce(enFormat); // FFmpeg and the C library keep what they make on the first use
-        CountAndClear(strKeep);
-        const int32_t s32Descriptors = PROCESS_DescriptorCount();
-        const int32_t s32Threads = PROCESS_ThreadCount();
-        int32_t s32Touched = 1;
-        int32_t s32Nth = 0;
-        while (s32Touched > 0 && s32Nth < MOST_CALLS && !HasFailure())
-        {
-            SCOPED_TRACE(std::string(stKind.pszName) + " number " + std::to_string(++s32Nth) + " fails");
-            FAULTS_Begin(m_strMount.c_str());
-            const FAULT_S stFault = {s32Nth, stKind.s32Times, stKind.s32Errno, 0};
-            FAULTS_Set(stKind.enCall, &stFault);
-            RunOnce(enFormat);
-            s32Touched = FAULTS_Touched(stKind.enCall);
-            FAULTS_Begin(nullptr);
-            EXPECT_EQ(strBytes, TEST_ReadFile(Folder(0) + "/" + strKeep));
-            const uint32_t u32Found = CountAndClear(strKeep);
-            if (!stKind.bFramesMayGo || s32Touched == 0)
-            {
-                EXPECT_GE(u32Found, KEPT_PICTURES);
-            }
-            EXPECT_TRUE(TEST_WaitFor([s32Threads] { return PROCESS_ThreadCount() <= s32Threads; }));
-            EXPECT_EQ(s32Descriptors, PROCESS_DescriptorCount());
-        }
-        EXPECT_EQ(0, s32Touched);
-        EXPECT_GT(s32Nth, 1) << "no such call was made";
-        FIGURES_Say("%s, %s: %d runs until one passed untouched", stKind.pszName, QN_STORAGE_FmtType2FileExt(enFormat),
-                    s32Nth);
+        RunUntilUntouched(stKind, enFormat, false);
+        RunUntilUntouched(stKind, enFormat, true);
     }
 }
 
