@@ -84,10 +84,32 @@ static bool MakeFolder(const std::string &strPath, std::string &strError)
     return false;
 }
 
+/// The library refuses a folder of recordings that leads out of DIR, whoever put it there; DIR itself may be a link. What
+/// is missing is no failure.
+static bool IsOfItsOwn(const std::string &strDir, std::string &strError)
+{
+    const std::string strFolder = strDir + "/" + TOOL_STORAGE_FOLDER;
+    struct stat stDir = {};
+    struct stat stFolder = {};
+    if (stat(strDir.c_str(), &stDir) != 0 || lstat(strFolder.c_str(), &stFolder) != 0)
+    {
+        return true;
+    }
+    if (S_ISLNK(stFolder.st_mode))
+    {
+        strError = "the folder " + strFolder + " is a symbolic link; recordings lie in a folder of their own";
+    }
+    else if (S_ISDIR(stFolder.st_mode) && stFolder.st_dev != stDir.st_dev)
+    {
+        strError = "the folder " + strFolder + " is on another file system than " + strDir + "; name that one as DIR";
+    }
+    return strError.empty();
+}
+
 bool TOOL_STORAGE_Prepare(const std::string &strDir, std::string &strError)
 {
     const std::string strFolder = strDir + "/" + TOOL_STORAGE_FOLDER;
-    if (!MakeFolder(strDir, strError) || !MakeFolder(strFolder, strError))
+    if (!MakeFolder(strDir, strError) || !IsOfItsOwn(strDir, strError) || !MakeFolder(strFolder, strError))
     {
         return false;
     }
@@ -123,6 +145,10 @@ TOOL_STORAGE TOOL_STORAGE_Open(const std::string &strDir, const tagTOOL_QUOTA_S 
     if (strAbsolute.empty() || !IsFolder(strAbsolute))
     {
         strError = "no folder " + strDir + ": " + strerror(strAbsolute.empty() ? s32Error : ENOTDIR);
+        return nullptr;
+    }
+    if (!IsOfItsOwn(strDir, strError))
+    {
         return nullptr;
     }
     libquarrin::tagQN_STORAGE_PARAM_S stParam;

@@ -95,7 +95,8 @@ QN_API uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pP
 /// \param pszNameTag  comment for the file names; null for none. Copied.
 ///
 /// \return 0 started; 1 pSession is null; 3 not mounted (logged), not idle (at once), or ended by somebody; 7 the file
-///         could not be opened, or the clock stands still (logged).
+///         could not be opened, the volume's folder is refused (see QN_ReplayListFile), or the clock stands still (both
+///         logged).
 ///
 /// Threads: any.
 /// Locks:   stMutex.

@@ -30,7 +30,8 @@ struct tagQN_REPLAY_HANDLER_S
 /// \param enVolume  the volume.
 /// \param pvecFiles [out] the files; untouched when the folder cannot be opened.
 ///
-/// \return 0 done; 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged).
+/// \return 0 done, also without a folder; 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged); 7
+/// the folder is refused: a symbolic link, no directory, or on another file system than the mount point (logged once).
 ///
 /// Threads: any.
 /// Blocks:  for one lstat per file; while an unmount command runs.
@@ -54,8 +55,8 @@ QN_API uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVol
 QN_API uint32_t QN_ReplayOpen(tagQN_HANDLER_S *pHandle, tagQN_FILE_INFO_S stInfo, tagQN_REPLAY_PARAM_S stParam,
                               tagQN_REPLAY_HANDLER_S *&pReplayHandler);
 
-/// Opens a file by its bare name, from the first enabled volume that has it. Results as of QN_ReplayOpen; 7 also for a
-/// name that cannot be read.
+/// Opens a file by its bare name, from the first enabled volume that has it and whose folder is not refused (see
+/// QN_ReplayListFile). Results as of QN_ReplayOpen; 7 also for a name that cannot be read.
 QN_API uint32_t QN_ReplayOpenByFileName(tagQN_HANDLER_S *pHandle, std::string strName, tagQN_REPLAY_PARAM_S stParam,
                                         tagQN_REPLAY_HANDLER_S *&pReplayHandler);
 

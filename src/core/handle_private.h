@@ -47,6 +47,7 @@ struct tagQN_HANDLER_PRIVATE_S
     std::atomic<bool> bUnmounted{false}; ///< an unmount line of ours was issued, and nothing mounted since
     /// When to check a volume again whose file system did not tell its size, CLOCK_MONOTONIC; 0: not.
     int64_t as64QuotaAgainUs[QN_VOLUME_COUNT] = {};
+    bool abRefusalTold[QN_VOLUME_COUNT] = {}; ///< that a volume's folder is refused was said since the mount
 
     // Guarded by mutexEvent
     bool bDispatching = false;                  ///< a handler runs

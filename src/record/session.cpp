@@ -11,6 +11,7 @@
 #include "core/handle_private.h"
 #include "libquarrin/naming.h"
 #include "storage/new_file.h"
+#include "storage/volume_folder.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
@@ -127,6 +128,11 @@ void QN_RECORD_ForgetVideoLocked(tagQN_RECORD_HANDLER_S *pSession)
 
 void *QN_RECORD_OpenWriterLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
+    // What is merely missing is the writer's to find.
+    if (QN_VOLUME_LookAtFolder(pSession->pstHandle, pSession->enVolumeId) == QN_VOLUME_FOLDER_E_REFUSED)
+    {
+        return nullptr;
+    }
     const char *pszPath = pSession->strFilePath.c_str();
     return QN_NEWFILE_MakeWay(pszPath) ? pSession->pstMediaApi->pfnWriteOpen(&pSession->stParam, pszPath) : nullptr;
 }

@@ -33,8 +33,9 @@ std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t 
 /// The current file has no video yet. The caller holds stMutex.
 void QN_RECORD_ForgetVideoLocked(tagQN_RECORD_HANDLER_S *pSession);
 
-/// Opens a writer on the session's path, at which nothing but a regular file is left standing; null on failure. The
-/// caller holds stMutex.
+/// Opens a writer on the session's path, at which nothing but a regular file is left standing; null on failure, also
+/// when the volume's folder is refused. The caller holds stMutex, and the card gate or a running session: an unmount
+/// waits for either.
 void *QN_RECORD_OpenWriterLocked(tagQN_RECORD_HANDLER_S *pSession);
 
 /// Takes the writer out of the session, so that nobody else closes or asks it. The caller holds stMutex.

@@ -12,6 +12,8 @@
 
 #include "core/handle_private.h"
 #include "libquarrin/naming.h"
+#include "storage/scan_folder.h"
+#include "storage/volume_folder.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
@@ -59,8 +61,17 @@ uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, st
         QN_LOG_ERROR("volume %d not enabled", static_cast<int>(enVolume));
         return QN_RET_STATE;
     }
-    const std::string strFolder = pHandle->pszMountPoint + "/" + pHandle->astVolume[enVolume].pszFolder;
-    return static_cast<uint32_t>(QN_STORAGE_ScanFolder(strFolder.c_str(), *pvecFiles));
+    UTIL_FD folder;
+    switch (QN_VOLUME_OpenFolder(pHandle, enVolume, folder))
+    {
+    case QN_VOLUME_FOLDER_E_GOOD:
+        break;
+    case QN_VOLUME_FOLDER_E_MISSING:
+        return QN_RET_OK; // Kept: no folder, no files
+    case QN_VOLUME_FOLDER_E_REFUSED:
+        return QN_RET_OPEN; // as a file that is not there: an empty list would look like an empty card
+    }
+    return static_cast<uint32_t>(QN_CATALOGUE_ScanOpen(folder, QN_VOLUME_Path(pHandle, enVolume).c_str(), *pvecFiles));
 }
 
 // The back end that reads a container; null when there is none.
@@ -167,15 +178,17 @@ static uint32_t OpenPathGated(tagQN_HANDLER_S *pHandle, const char *pszFunc, con
 }
 
 // The path of a name in the first enabled volume that has it; empty when none has.
-static std::string FindInVolumes(const tagQN_HANDLER_S *pHandle, const std::string &strName)
+static std::string FindInVolumes(tagQN_HANDLER_S *pHandle, const std::string &strName)
 {
-    for (const tagQN_VOLUME_PARAM_S &stVolume : pHandle->astVolume)
+    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
     {
-        if (stVolume.bEnable == 0)
+        const auto enVolume = static_cast<QN_VOLUME_ID_E>(i);
+        if (pHandle->astVolume[i].bEnable == 0 ||
+            QN_VOLUME_LookAtFolder(pHandle, enVolume) == QN_VOLUME_FOLDER_E_REFUSED)
         {
-            continue;
+            continue; // a folder that is refused has no files
         }
-        std::string strPath = pHandle->pszMountPoint + "/" + stVolume.pszFolder + "/" + strName;
+        std::string strPath = QN_VOLUME_Path(pHandle, enVolume) + "/" + strName;
         if (access(strPath.c_str(), F_OK) == 0)
         {
             return strPath;

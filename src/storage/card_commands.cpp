@@ -7,6 +7,7 @@
 
 #include "core/handle_private.h"
 #include "libquarrin/storage.h"
+#include "storage/volume_folder.h"
 #include "util/lock.h"
 #include "util/pause.h"
 
@@ -81,6 +82,7 @@ bool QN_CARD_Mount(tagQN_HANDLER_S *pHandle)
         return false;
     }
     pHandle->pstPrivate->bUnmounted = false;
+    QN_VOLUME_NewMount(pHandle);
     return true;
 }
 

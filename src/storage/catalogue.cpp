@@ -10,9 +10,11 @@
 #include <memory>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "storage/names.h"
+#include "storage/scan_folder.h"
 #include "util/log.h"
 #include "util/results.h"
 
@@ -94,10 +96,11 @@ static size_t CountNames(DIR *pDir)
     return count;
 }
 
-int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
+using DIR_OWNED = std::unique_ptr<DIR, int (*)(DIR *)>;
+
+static int32_t Scan(const DIR_OWNED &spDir, const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
 try
 {
-    const std::unique_ptr<DIR, int (*)(DIR *)> spDir(opendir(pszFolder), closedir); // close-on-exec by itself
     if (spDir == nullptr)
     {
         return errno == ENOMEM ? static_cast<int32_t>(QN_RET_NO_MEMORY) : 0;
@@ -111,14 +114,14 @@ try
         {
             continue;
         }
-        const std::string strPath = std::string(pszFolder) + "/" + pszName;
         struct stat stStat = {};
-        if (lstat(strPath.c_str(), &stStat) != 0 || !S_ISREG(stStat.st_mode))
+        if (fstatat(dirfd(spDir.get()), pszName, &stStat, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(stStat.st_mode))
         {
             continue;
         }
+        const std::string strPath = std::string(pszFolder) + "/" + pszName;
         tagQN_FILE_INFO_S stInfo;
-        if (Describe(__func__, pszName, strPath, stStat.st_size, stInfo))
+        if (Describe("QN_STORAGE_ScanFolder", pszName, strPath, stStat.st_size, stInfo))
         {
             vecFiles.push_back(std::move(stInfo));
         }
@@ -130,6 +133,23 @@ catch (const std::exception &)
 {
     vecFiles.clear(); // rather none than some
     return static_cast<int32_t>(QN_RET_NO_MEMORY);
+}
+
+int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
+{
+    return Scan(DIR_OWNED(opendir(pszFolder), closedir), pszFolder, vecFiles); // close-on-exec by itself
+}
+
+int32_t QN_CATALOGUE_ScanOpen(const UTIL_FD &folder, const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
+{
+    // A descriptor of its own: O_PATH cannot be read, and the caller keeps its.
+    UTIL_FD readable(openat(folder.s32Fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DIR_OWNED spDir(readable.s32Fd < 0 ? nullptr : fdopendir(readable.s32Fd), closedir);
+    if (spDir != nullptr)
+    {
+        readable.s32Fd = -1; // the stream owns it
+    }
+    return Scan(spDir, pszFolder, vecFiles);
 }
 
 } // namespace libquarrin

@@ -14,6 +14,8 @@
 #include "libquarrin/storage.h"
 #include "storage/card_commands.h"
 #include "storage/quota_again.h"
+#include "storage/scan_folder.h"
+#include "storage/volume_folder.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
@@ -41,11 +43,6 @@ static bool IsVolume(QN_VOLUME_ID_E enVolume)
     return enVolume >= QN_VOLUME_ID_E_0 && enVolume <= QN_VOLUME_ID_E_2;
 }
 
-static std::string VolumePath(const tagQN_HANDLER_S *pHandle, const tagQN_VOLUME_PARAM_S &stVolume)
-{
-    return pHandle->pszMountPoint + "/" + stVolume.pszFolder;
-}
-
 int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
 {
     QN_CARD_CommandBegin(pHandle); // a host may unmount at once after it mounted
@@ -57,8 +54,12 @@ int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
         {
             continue;
         }
-        const std::string strCommand = "mkdir -p " + VolumePath(pHandle, pHandle->astVolume[i]);
-        (void)BU_RunCmd(strCommand.c_str()); // a folder that is missing shows when a file is opened in it
+        const auto enVolume = static_cast<QN_VOLUME_ID_E>(i);
+        if (QN_VOLUME_MayBeMade(pHandle, enVolume))
+        {
+            const std::string strCommand = "mkdir -p " + QN_VOLUME_Path(pHandle, enVolume);
+            (void)BU_RunCmd(strCommand.c_str()); // a folder that is missing shows when a file is opened in it
+        }
         pHandle->astQuotaLastCheck[i] = {};
     }
     QN_CARD_CommandEnd(pHandle);
@@ -86,13 +87,14 @@ static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
     return s64Remaining <= static_cast<int64_t>(stSum.u32Reserve);
 }
 
-// Oldest first, until there is room or no file is left.
-static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume,
+// Oldest first, until there is room or no file is left. The files are those of the open folder; their paths lead there as
+// long as nobody has put another folder, or another card, in its place.
+static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const UTIL_FD &folder,
                          const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
 {
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
-        if (!IsFull(stSum))
+        if (!IsFull(stSum) || !QN_VOLUME_IsStill(pHandle, enVolume, folder))
         {
             break;
         }
@@ -131,13 +133,18 @@ static void SetAgain(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, int64_t 
 static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
 {
     const tagQN_VOLUME_PARAM_S &stVolume = pHandle->astVolume[enVolume];
+    UTIL_FD folder; // before the total, so that both are of the card that DeleteOldest finds in its place
+    const bool bFolder = QN_VOLUME_OpenFolder(pHandle, enVolume, folder) == QN_VOLUME_FOLDER_E_GOOD;
     const uint64_t u64Total = static_cast<uint64_t>(QN_STORAGE_GetMountedTotalSize(pHandle->pszMountPoint.c_str()));
     const bool bKnown = stVolume.u32QuotaType != QUOTA_TYPE_PERCENT || u64Total != 0;
     tagQN_QUOTA_SUM_S stSum = {QuotaBytes(stVolume, u64Total), 0, stVolume.u32ReserveBytes};
     const bool bAutoDelete = __atomic_load_n(&stVolume.bAutoDelete, __ATOMIC_SEQ_CST);
 
     std::vector<tagQN_FILE_INFO_S> vecFiles;
-    (void)QN_STORAGE_ScanFolder(VolumePath(pHandle, stVolume).c_str(), vecFiles); // a missing folder is empty
+    if (bFolder) // one that is missing or refused is empty
+    {
+        (void)QN_CATALOGUE_ScanOpen(folder, QN_VOLUME_Path(pHandle, enVolume).c_str(), vecFiles);
+    }
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
         stSum.u64Used += stFile.u64Size;
@@ -151,7 +158,7 @@ static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     {
         if (bKnown) // a part of nothing known is no reason to delete what is there
         {
-            DeleteOldest(pHandle, enVolume, vecFiles, stSum);
+            DeleteOldest(pHandle, enVolume, folder, vecFiles, stSum);
         }
         QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
     }

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "recordings.h"
@@ -121,4 +122,54 @@ TEST_F(MountedFolder, SaysThatAShortFileCouldNotBeRemoved)
     EXPECT_EQ(1u, Count(tool.Err(), " is shorter than 5 s and could not be removed\n")) << tool.Err();
     EXPECT_EQ("", tool.Out());
     EXPECT_EQ(0, umount(strPath.c_str()));
+}
+
+TEST(LinkedFolder, OfRecordingsIsRefusedInOneLineByEveryCommand)
+{
+    const std::string strFolder = RECORDINGS::Get().NewFolder();
+    const std::string strTarget = RECORDINGS::Get().NewFolder();
+    const std::string strFile = TEST_Touch(strTarget + "/2024-01-01-00-00-00.To.2024-01-01-00-05-00.ts", "not ours");
+    ASSERT_EQ(0, symlink(strTarget.c_str(), (strFolder + "/rec").c_str()));
+    const std::string strClip = RECORDINGS::Get().Media("clip.mp4");
+    const std::string strName = strFile.substr(strFile.rfind('/') + 1);
+    const std::vector<std::vector<std::string>> vecCommands = {
+        {"record", strClip, "--storage", strFolder, "--quota", "1K"},
+        {"list", "--storage", strFolder},
+        {"play", strName, "--frames", "--storage", strFolder},
+        {"snapshot", strName, strTarget + "/out.jpg", "--storage", strFolder}};
+    for (const std::vector<std::string> &vecArgs : vecCommands)
+    {
+        const TOOL_RESULT_S stResult = TOOL_Run(vecArgs);
+        EXPECT_EQ(2, stResult.s32Status) << vecArgs[0];
+        EXPECT_EQ("", stResult.strOut);
+        EXPECT_EQ("quarrin: the folder " + strFolder +
+                      "/rec is a symbolic link; recordings lie in a folder of their own\n",
+                  stResult.strErr);
+    }
+    EXPECT_EQ(std::vector<std::string>{strName}, TEST_List(strTarget));
+    EXPECT_EQ("not ours", TEST_ReadFile(strFile));
+}
+
+TEST(LinkedFolder, OfTheStorageIsAsGoodAsARealOne)
+{
+    const std::string strFolder = RECORDINGS::Get().NewFolder();
+    const std::string strLink = strFolder + ".link";
+    ASSERT_EQ(0, symlink(strFolder.c_str(), strLink.c_str()));
+    ASSERT_EQ(0, mkdir((strFolder + "/rec").c_str(), 0700));
+    TEST_Touch(strFolder + "/rec/2024-01-01-00-00-00.To.2024-01-01-00-05-00.ts", "x");
+    const TOOL_RESULT_S stResult = TOOL_Run({"list", "--storage", strLink});
+    EXPECT_EQ(0, stResult.s32Status) << stResult.strErr;
+    EXPECT_EQ(1u, Count(stResult.strOut, "2024-01-01-00-00-00.To."));
+    EXPECT_EQ(0, unlink(strLink.c_str()));
+}
+
+TEST_F(MountedFolder, OfRecordingsIsRefusedInOneLine)
+{
+    const std::string strStorage = RECORDINGS::Get().NewFolder();
+    ASSERT_EQ(0, mkdir((strStorage + "/rec").c_str(), 0700));
+    ASSERT_EQ(0, mount("tmpfs", (strStorage + "/rec").c_str(), "tmpfs", 0, "size=64k"));
+    const TOOL_RESULT_S stResult = TOOL_Run({"list", "--storage", strStorage});
+    EXPECT_EQ(0, umount((strStorage + "/rec").c_str()));
+    EXPECT_EQ(2, stResult.s32Status);
+    EXPECT_EQ(1u, Count(stResult.strErr, "rec is on another file system than " + strStorage)) << stResult.strErr;
 }
