@@ -121,8 +121,13 @@ int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
 
 int32_t QN_EVENT_HandleMountDone(tagQN_HANDLER_S *pHandle)
 {
+    // As the mount found it: checks run on this thread alone, so nothing else is left over from before.
+    const bool bFull = pHandle->enStorageState.load() == QN_STORAGE_STATE_E_FULL;
     const int32_t s32Result = QN_STORAGE_QuotaInit(pHandle);
-    QN_QUOTA_CheckAfterMount(pHandle);
+    if (bFull)
+    {
+        QN_QUOTA_CheckAfterMount(pHandle);
+    }
     return s32Result;
 }
 

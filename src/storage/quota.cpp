@@ -194,10 +194,6 @@ static void CheckMounted(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
 
 void QN_QUOTA_CheckAfterMount(tagQN_HANDLER_S *pHandle)
 {
-    if (pHandle->enStorageState.load() != QN_STORAGE_STATE_E_FULL)
-    {
-        return;
-    }
     for (int32_t i = QN_VOLUME_COUNT - 1; i >= 0; --i) // the word is that of the last: of the volume recorded into
     {
         if (pHandle->astVolume[i].bEnable != 0)

@@ -8,10 +8,10 @@
 namespace libquarrin
 {
 
-/// While the storage counts as full: a check of each enabled volume, so that what was found on another card, or on none,
-/// does not outlive the mount. Volume 0 comes last, so that the word is its.
+/// A check of each enabled volume, so that a full storage that was found on another card, or on none, does not outlive the
+/// mount. Volume 0 comes last, so that the word is its.
 ///
-/// Call it behind every mount, with the folders made.
+/// Call it behind every mount that found the storage full, with the folders made.
 void QN_QUOTA_CheckAfterMount(tagQN_HANDLER_S *pHandle);
 
 /// Checks a volume whose quota is a part of a file system that did not tell its size a second ago, and that counts as
