@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <ctime>
-#include <filesystem>
 
 #include <dlfcn.h>
 #include <sys/statvfs.h>
@@ -14,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "../support/wait.h"
+#include "support/scratch.h"
 #include "storage_handle.h"
 
 static std::atomic<int32_t> s_s32StatvfsErrno{0};
@@ -36,9 +36,8 @@ class Watch : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char acDir[] = "/tmp/quarrin-watch-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(acDir));
-        m_strDir = acDir;
+        m_strDir = TEST_MakeScratch("quarrin-watch");
+        ASSERT_NE("", m_strDir);
     }
 
     void TearDown() override
@@ -49,8 +48,7 @@ protected:
             EXPECT_EQ(0u, libquarrin::QN_RecordDestroy(m_stWatch.pSession));
         }
         m_pStorage.reset();
-        std::error_code error;
-        std::filesystem::remove_all(m_strDir, error);
+        EXPECT_TRUE(TEST_RemoveScratch(m_strDir));
     }
 
     /// A recording that deletes nothing, with its watch.
