@@ -84,8 +84,8 @@ static bool MakeFolder(const std::string &strPath, std::string &strError)
     return false;
 }
 
-/// The library refuses a folder of recordings that leads out of DIR, whoever put it there; DIR itself may be a link. What
-/// is missing is no failure.
+/// The library refuses a folder of recordings that leads out of DIR, whoever put it there; DIR itself may be a link.
+/// What is missing is no failure.
 static bool IsOfItsOwn(const std::string &strDir, std::string &strError)
 {
     const std::string strFolder = strDir + "/" + TOOL_STORAGE_FOLDER;

@@ -36,7 +36,8 @@ bool TOOL_STORAGE_ParseQuota(const std::string &strText, tagTOOL_QUOTA_S &stQuot
 /// nothing can be written there.
 bool TOOL_STORAGE_Prepare(const std::string &strDir, std::string &strError);
 
-/// Opens the handle on an existing folder. Null with strError set on failure, also when its folder of recordings is a link.
+/// Opens the handle on an existing folder. Null with strError set on failure, also when its folder of recordings
+/// is a link.
 TOOL_STORAGE TOOL_STORAGE_Open(const std::string &strDir, const tagTOOL_QUOTA_S &stQuota, std::string &strError);
 
 /// Path of the folder that holds the recordings.

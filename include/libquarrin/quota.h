@@ -17,9 +17,10 @@ QN_API int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle);
 
 /// Checks one volume now: deletes its oldest files, or declares the storage full, when quota - used <= reserve.
 ///
-/// A file that a session of the handle is writing counts as used and is never deleted. When the file system does not tell
-/// its size (a failing query, or a total of 0), a quota in per cent is 0, and nothing is deleted for it; without
-/// automatic deletion the storage counts as full, and the volume is checked again every second or two while it is mounted.
+/// A file that a session of the handle is writing counts as used and is never deleted. When the file system does not
+/// tell its size (a failing query, or a total of 0), a quota in per cent is 0, and nothing is deleted for it; without
+/// automatic deletion the storage counts as full, and the volume is checked again every second or two while it is
+/// mounted.
 ///
 /// \return 0, also for a volume that is disabled or does not exist.
 ///

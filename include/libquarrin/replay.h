@@ -30,8 +30,9 @@ struct tagQN_REPLAY_HANDLER_S
 /// \param enVolume  the volume.
 /// \param pvecFiles [out] the files; untouched when the folder cannot be opened.
 ///
-/// \return 0 done, also without a folder; 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged); 7
-/// the folder is refused: a symbolic link, no directory, or on another file system than the mount point (logged once).
+/// \return 0 done, also without a folder; 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged);
+///         7 the folder is refused: a link, no directory, or on another file system than the mount point (logged once a
+///         mount).
 ///
 /// Threads: any.
 /// Blocks:  for one lstat per file; while an unmount command runs.

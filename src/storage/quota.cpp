@@ -87,8 +87,8 @@ static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
     return s64Remaining <= static_cast<int64_t>(stSum.u32Reserve);
 }
 
-// Oldest first, until there is room or no file is left. The files are those of the open folder; their paths lead there as
-// long as nobody has put another folder, or another card, in its place.
+// Oldest first, until there is room or no file is left. The files are those of the open folder; their paths lead there
+// as long as nobody has put another folder, or another card, in its place.
 static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const UTIL_FD &folder,
                          const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
 {

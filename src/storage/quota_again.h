@@ -8,8 +8,8 @@
 namespace libquarrin
 {
 
-/// A check of each enabled volume, so that a full storage that was found on another card, or on none, does not outlive the
-/// mount. Volume 0 comes last, so that the word is its.
+/// A check of each enabled volume, so that a full storage that was found on another card, or on none, does not outlive
+/// the mount. Volume 0 comes last, so that the word is its.
 ///
 /// Call it behind every mount that found the storage full, with the folders made.
 void QN_QUOTA_CheckAfterMount(tagQN_HANDLER_S *pHandle);

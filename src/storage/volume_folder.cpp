@@ -47,7 +47,7 @@ static QN_VOLUME_FOLDER_E Step(UTIL_FD &folder, const char *pszName, dev_t stDev
     return QN_VOLUME_FOLDER_E_REFUSED;
 }
 
-// Goes down from the mount point, component by component, to the last or to the one above it. pszWhy is set by a refusal.
+// Goes down from the mount point, component by component, to the last or to the one above it. A refusal sets pszWhy.
 static QN_VOLUME_FOLDER_E Walk(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, bool bLast, UTIL_FD &folder,
                                const char *&pszWhy)
 {

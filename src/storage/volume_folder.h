@@ -1,7 +1,7 @@
-// The test of a volume's folder: a real directory on the file system of the mount point. The card is data from a stranger,
-// and a link in place of the folder would lead out of it.
-// Threads: any. Locks: mutexFiles as a leaf. Call it under the card gate, or where an unmount has to wait in another way:
-// what is open below the mount point makes an unmount fail.
+// The test of a volume's folder: a real directory on the file system of the mount point. The card is data from a
+// stranger, and a link in place of the folder would lead out of it.
+// Threads: any. Locks: mutexFiles as a leaf. Call it under the card gate, or where an unmount has to wait in another
+// way: what is open below the mount point makes an unmount fail.
 #ifndef QUARRIN_STORAGE_VOLUME_FOLDER_H
 #define QUARRIN_STORAGE_VOLUME_FOLDER_H
 
@@ -28,8 +28,8 @@ std::string QN_VOLUME_Path(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolu
 ///
 /// A refusal is logged as an error, once a volume and mount. On a missing folder nothing is said.
 ///
-/// \param folder  [out] an O_PATH descriptor of the folder; none unless the result is good. It stays on this very folder,
-///                whatever is put in its place.
+/// \param folder  [out] an O_PATH descriptor of the folder; none unless the result is good. It stays on this very
+///                folder, whatever is put in its place.
 QN_VOLUME_FOLDER_E QN_VOLUME_OpenFolder(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, UTIL_FD &folder);
 
 /// QN_VOLUME_OpenFolder for callers that go on by path.

@@ -1,4 +1,4 @@
-// Quota and the life of the card: what a check found on one card, or on no card at all, does not outlive the next mount.
+// Quota and the life of the card: what a check found on one card, or on no card at all, does not outlive a mount.
 
 #include <filesystem>
 #include <memory>

@@ -1,5 +1,5 @@
-// Quota against the rest of the handle: files that a session is writing are spared, an unmount finds no folder open, and
-// a switch that is turned while a check runs counts.
+// Quota against the rest of the handle: files that a session is writing are spared, an unmount finds no folder open,
+// and a switch that is turned while a check runs counts.
 
 #include <atomic>
 #include <cstdint>

@@ -13,8 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "../support/wait.h"
-#include "support/scratch.h"
 #include "storage_handle.h"
+#include "support/scratch.h"
 
 static std::atomic<int32_t> s_s32StatvfsErrno{0};
 
