@@ -71,7 +71,8 @@ uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, st
     case QN_VOLUME_FOLDER_E_REFUSED:
         return QN_RET_OPEN; // as a file that is not there: an empty list would look like an empty card
     }
-    return static_cast<uint32_t>(QN_CATALOGUE_ScanOpen(folder, QN_VOLUME_Path(pHandle, enVolume).c_str(), *pvecFiles));
+    return static_cast<uint32_t>(
+        QN_CATALOGUE_ScanOpen(std::move(folder), QN_VOLUME_Path(pHandle, enVolume).c_str(), *pvecFiles));
 }
 
 // The back end that reads a container; null when there is none.

@@ -140,14 +140,13 @@ int32_t QN_STORAGE_ScanFolder(const char *pszFolder, std::vector<tagQN_FILE_INFO
     return Scan(DIR_OWNED(opendir(pszFolder), closedir), pszFolder, vecFiles); // close-on-exec by itself
 }
 
-int32_t QN_CATALOGUE_ScanOpen(const UTIL_FD &folder, const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
+int32_t QN_CATALOGUE_ScanOpen(UTIL_FD folder, const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles)
 {
-    // A descriptor of its own: O_PATH cannot be read, and the caller keeps its.
-    UTIL_FD readable(openat(folder.s32Fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    DIR_OWNED spDir(readable.s32Fd < 0 ? nullptr : fdopendir(readable.s32Fd), closedir);
+    folder = UTIL_FD(openat(folder.s32Fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)); // O_PATH cannot be read
+    DIR_OWNED spDir(folder.s32Fd < 0 ? nullptr : fdopendir(folder.s32Fd), closedir);
     if (spDir != nullptr)
     {
-        readable.s32Fd = -1; // the stream owns it
+        folder.s32Fd = -1; // the stream owns it
     }
     return Scan(spDir, pszFolder, vecFiles);
 }

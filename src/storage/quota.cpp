@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/handle_private.h"
@@ -87,14 +88,14 @@ static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
     return s64Remaining <= static_cast<int64_t>(stSum.u32Reserve);
 }
 
-// Oldest first, until there is room or no file is left. The files are those of the open folder; their paths lead there
+// Oldest first, until there is room or no file is left. The files are those of stFolder; their paths lead there
 // as long as nobody has put another folder, or another card, in its place.
-static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const UTIL_FD &folder,
+static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const struct stat &stFolder,
                          const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
 {
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
-        if (!IsFull(stSum) || !QN_VOLUME_IsStill(pHandle, enVolume, folder))
+        if (!IsFull(stSum) || !QN_VOLUME_IsStill(pHandle, enVolume, stFolder))
         {
             break;
         }
@@ -134,7 +135,9 @@ static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
 {
     const tagQN_VOLUME_PARAM_S &stVolume = pHandle->astVolume[enVolume];
     UTIL_FD folder; // before the total, so that both are of the card that DeleteOldest finds in its place
-    const bool bFolder = QN_VOLUME_OpenFolder(pHandle, enVolume, folder) == QN_VOLUME_FOLDER_E_GOOD;
+    struct stat stFolder = {};
+    const bool bFolder = QN_VOLUME_OpenFolder(pHandle, enVolume, folder) == QN_VOLUME_FOLDER_E_GOOD &&
+                         fstat(folder.s32Fd, &stFolder) == 0;
     const uint64_t u64Total = static_cast<uint64_t>(QN_STORAGE_GetMountedTotalSize(pHandle->pszMountPoint.c_str()));
     const bool bKnown = stVolume.u32QuotaType != QUOTA_TYPE_PERCENT || u64Total != 0;
     tagQN_QUOTA_SUM_S stSum = {QuotaBytes(stVolume, u64Total), 0, stVolume.u32ReserveBytes};
@@ -143,7 +146,7 @@ static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     std::vector<tagQN_FILE_INFO_S> vecFiles;
     if (bFolder) // one that is missing or refused is empty
     {
-        (void)QN_CATALOGUE_ScanOpen(folder, QN_VOLUME_Path(pHandle, enVolume).c_str(), vecFiles);
+        (void)QN_CATALOGUE_ScanOpen(std::move(folder), QN_VOLUME_Path(pHandle, enVolume).c_str(), vecFiles);
     }
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
@@ -158,7 +161,7 @@ static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     {
         if (bKnown) // a part of nothing known is no reason to delete what is there
         {
-            DeleteOldest(pHandle, enVolume, folder, vecFiles, stSum);
+            DeleteOldest(pHandle, enVolume, stFolder, vecFiles, stSum);
         }
         QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
     }

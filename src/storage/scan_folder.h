@@ -14,9 +14,9 @@ namespace libquarrin
 
 /// As QN_STORAGE_ScanFolder.
 ///
-/// \param folder     an open directory, O_PATH suffices; borrowed.
+/// \param folder     an open directory, O_PATH suffices; it is closed.
 /// \param pszFolder  its path, for the paths of the files.
-int32_t QN_CATALOGUE_ScanOpen(const UTIL_FD &folder, const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles);
+int32_t QN_CATALOGUE_ScanOpen(UTIL_FD folder, const char *pszFolder, std::vector<tagQN_FILE_INFO_S> &vecFiles);
 
 } // namespace libquarrin
 

@@ -122,14 +122,13 @@ QN_VOLUME_FOLDER_E QN_VOLUME_LookAtFolder(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID
     return QN_VOLUME_OpenFolder(pHandle, enVolume, folder);
 }
 
-bool QN_VOLUME_IsStill(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const UTIL_FD &folder)
+bool QN_VOLUME_IsStill(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const struct stat &stThen)
 {
     const char *pszWhy = nullptr;
     UTIL_FD now;
-    struct stat stThen = {};
     struct stat stNow = {};
-    return Walk(pHandle, enVolume, true, now, pszWhy) == QN_VOLUME_FOLDER_E_GOOD && fstat(folder.s32Fd, &stThen) == 0 &&
-           fstat(now.s32Fd, &stNow) == 0 && stThen.st_dev == stNow.st_dev && stThen.st_ino == stNow.st_ino;
+    return Walk(pHandle, enVolume, true, now, pszWhy) == QN_VOLUME_FOLDER_E_GOOD && fstat(now.s32Fd, &stNow) == 0 &&
+           stThen.st_dev == stNow.st_dev && stThen.st_ino == stNow.st_ino;
 }
 
 bool QN_VOLUME_MayBeMade(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <sys/stat.h>
+
 #include "libquarrin/handle.h"
 #include "util/fd.h"
 
@@ -35,8 +37,10 @@ QN_VOLUME_FOLDER_E QN_VOLUME_OpenFolder(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E
 /// QN_VOLUME_OpenFolder for callers that go on by path.
 QN_VOLUME_FOLDER_E QN_VOLUME_LookAtFolder(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume);
 
-/// What the path of a volume leads to is still the open folder.
-bool QN_VOLUME_IsStill(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const UTIL_FD &folder);
+/// What the path of a volume leads to is still the folder that was opened, and is good.
+///
+/// \param stThen  what fstat told of it.
+bool QN_VOLUME_IsStill(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const struct stat &stThen);
 
 /// `mkdir -p` for the volume would follow no link: all components but the last are good or missing.
 bool QN_VOLUME_MayBeMade(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume);
