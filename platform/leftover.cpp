@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include <dirent.h>
@@ -73,6 +74,7 @@ static bool GoThroughPath(const std::string &strPath, bool bRemove)
 }
 
 extern "C" int QN_PLATFORM_RemoveLeftover(const char *device, const char *mount_point)
+try
 {
     if (device == nullptr || mount_point == nullptr)
     {
@@ -110,4 +112,8 @@ extern "C" int QN_PLATFORM_RemoveLeftover(const char *device, const char *mount_
         PLATFORM_LogError("\"%s\" is not mounted and cannot be removed: %s", mount_point, strerror(errno));
     }
     return bGone ? 0 : 1;
+}
+catch (const std::exception &) // no memory
+{
+    return 1;
 }

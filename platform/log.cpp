@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <string>
 
 #include <sys/time.h>
@@ -91,6 +92,7 @@ static void WriteAll(const std::string &strLine)
 }
 
 int32_t PLATFORM_LogArgs(int32_t s32Level, const char *pszPrefix, const char *pszFormat, va_list args)
+try
 {
     const int32_t s32Limit = s_s32Limit;
     if (s32Limit <= 0 || s32Level > s32Limit)
@@ -112,6 +114,10 @@ int32_t PLATFORM_LogArgs(int32_t s32Level, const char *pszPrefix, const char *ps
     WriteAll(strLine);
     errno = s32Errno;
     return static_cast<int32_t>(strLine.size());
+}
+catch (const std::exception &) // no memory for the line
+{
+    return 0;
 }
 
 void PLATFORM_LogError(const char *pszFormat, ...)

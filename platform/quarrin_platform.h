@@ -40,8 +40,8 @@ extern "C"
     ///
     /// \param cmd  NUL-terminated command line; borrowed for the call.
     ///
-    /// \return the exit status of the line, 128 + n when signal n ended it; 127 when cmd is null or no shell could be
-    ///         started; 1 when the umount line was refused or not carried out to its end. The reason goes to the log.
+    /// \return the exit status of the line, 128 + n when signal n ended it; 127 when cmd is null, no shell could be
+    ///         started, or there is no memory; 1 when the umount line was refused or not carried out to its end. The reason goes to the log.
     ///
     /// Threads: any, also at the same time. It needs no SIGCHLD and minds no SIGCHLD handler: the host may ignore the
     ///          signal or collect all children itself, and may fork meanwhile.
@@ -60,8 +60,8 @@ extern "C"
     /// \param mount_point  the mount point; borrowed for the call.
     ///
     /// \return 0 when QN_Init may have the mount point: nothing is there, or a mounted file system, or a folder that
-    ///         stands for a card; 1 when a directory stays that is no mounted card, or an argument is null. The reason
-    ///         goes to the log.
+    ///         stands for a card; 1 when a directory stays that is no mounted card, an argument is null, or there is no
+    ///         memory. The reason goes to the log.
     ///
     /// Threads: any, but nobody may mount there meanwhile.
     /// Blocks:  as long as the mount point's own file system takes to answer.

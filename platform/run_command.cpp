@@ -4,6 +4,7 @@
 
 #include "quarrin_platform.h"
 
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ static int32_t RunInShell(const char *pszLine)
 }
 
 extern "C" int QN_PLATFORM_RunCommand(const char *cmd)
+try
 {
     if (cmd == nullptr)
     {
@@ -49,4 +51,8 @@ extern "C" int QN_PLATFORM_RunCommand(const char *cmd)
         break;
     }
     return RunInShell(cmd);
+}
+catch (const std::exception &) // no memory; nothing leaves to callers that may be built without exceptions
+{
+    return PLATFORM_NOT_STARTED;
 }

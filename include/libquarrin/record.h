@@ -94,7 +94,8 @@ QN_API uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pP
 /// \param pSession    the session, idle.
 /// \param pszNameTag  comment for the file names; null for none. Copied.
 ///
-/// \return 0 started; 1 pSession is null; 3 not mounted (logged), not idle (at once), or ended by somebody; 7 the file
+/// \return 0 started; 1 pSession is null; 3 not mounted (logged), not idle (at once), or ended by somebody; 6 out of
+///         memory; 7 the file
 ///         could not be opened, the volume's folder is refused (see QN_ReplayListFile), or the clock stands still (both
 ///         logged).
 ///
@@ -158,7 +159,7 @@ QN_API uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession);
 /// Switching it on while the storage is full lets recording go on at once; otherwise the quota is checked in the
 /// background.
 ///
-/// \return 0 done; 1 pHandle is null; 3 no such volume.
+/// \return 0 done; 1 pHandle is null; 3 no such volume; 6 out of memory, with nothing switched.
 ///
 /// Threads: any.
 /// Blocks:  while the event queue is full.
@@ -180,6 +181,8 @@ QN_API uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E 
 /// \param bKey      a file may begin here: a key frame, or any AAC frame of an audio-only session.
 /// \param bVideo    video, otherwise audio.
 ///
+/// A frame that there is no memory for is dropped, and a split that there is no memory for waits for the next key frame.
+///
 /// \return 0; 1 pSession is null; 2 pu8Data is null.
 ///
 /// Threads: any; calls on one session are serialised by its stMutex.
@@ -189,7 +192,7 @@ QN_API uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned c
                                     uint64_t u64Pts, tagBU_BOOL bKey, tagBU_BOOL bVideo);
 
 /// Finishes a file: closes the writer; removes the file when it is shorter than 5 seconds or empty, otherwise gives it
-/// its start-to-end name.
+/// its start-to-end name. Without memory for that name it keeps the one that it has (logged).
 ///
 /// \param pSession     the session; its constant fields are read.
 /// \param pWriter      the writer; freed.
@@ -215,7 +218,7 @@ QN_API uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, 
 /// \param pszFileName  file name inside the volume's folder.
 ///
 /// \return 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged); 7 the new name is taken by
-///         something that is no file (logged); otherwise BU_RunCmd's result.
+///         something that is no file (logged); 6 out of memory; otherwise BU_RunCmd's result.
 ///
 /// Threads: any.
 /// Blocks:  for the command.

@@ -31,6 +31,7 @@ struct tagQN_REPLAY_HANDLER_S
 /// \param pvecFiles [out] the files; untouched when the folder cannot be opened.
 ///
 /// \return 0 done, also without a folder; 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged);
+///         6 out of memory, with no file listed;
 ///         7 the folder is refused: a link, no directory, or on another file system than the mount point (logged once a
 ///         mount).
 ///
@@ -46,7 +47,7 @@ QN_API uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVol
 /// \param stParam         handed to the back end.
 /// \param pReplayHandler  [out] the replay; null on failure.
 ///
-/// \return 0 done; 1 pHandle is null; 3 not mounted; 7 file missing, container unknown or not playable, or it could
+/// \return 0 done; 1 pHandle is null; 3 not mounted; 6 out of memory; 7 file missing, container unknown or not playable, or it could
 ///         not be opened (all logged).
 ///
 /// Threads: any.

@@ -30,7 +30,8 @@ constexpr uint32_t QN_MOUNT_FAILED = 0xffffffffu;
 /// \param pHandle   the handle; not checked for null.
 /// \param enFsType  file system; any other value lets the format fail after the partition table was rewritten.
 ///
-/// \return 0 started; 3 no card, a format is running, or the card is mounted (each with its own message).
+/// \return 0 started; 3 no card, a format is running, or the card is mounted (each with its own message); 6 out of
+///         memory, with nothing changed.
 ///
 /// Threads: any.
 /// Locks:   mutexState.

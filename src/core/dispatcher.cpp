@@ -4,13 +4,14 @@
 #include "core/event_queue.h"
 
 #include <cerrno>
-#include <string>
+#include <utility>
 
 #include <sys/time.h>
 
 #include "core/handle_private.h"
 #include "libquarrin/quota.h"
 #include "storage/quota_again.h"
+#include "util/line.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -42,14 +43,16 @@ int32_t QN_EVENT_Init(tagQN_HANDLER_S *pHandle)
         }
         pthread_cond_broadcast(&pHandle->condEvent);
     }
-    const std::string strName = std::string(QN_DeviceName(pHandle->strDevice)) + ":event";
-    (void)UTIL_THREAD_InitData(&pHandle->stEventThread, strName.c_str(), QN_EVENT_ProcessThread, pHandle);
+    UTIL_LINE_S stName;
+    (void)UTIL_LINE_Format(stName, "%s:event", QN_DeviceName(pHandle->strDevice));
+    const char *pszName = stName.szShort; // a thread's name is short
+    (void)UTIL_THREAD_InitData(&pHandle->stEventThread, pszName, QN_EVENT_ProcessThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stEventThread, nullptr); // a failure shows in the log and in the state
-    QN_LOG_INFO("Thread %s start", strName.c_str());
+    QN_LOG_INFO("Thread %s start", pszName);
     pHandle->pstPrivate->bNoDispatcher = pHandle->stEventThread.bNoThread;
     if (pHandle->pstPrivate->bNoDispatcher)
     {
-        QN_LOG_ERROR("Thread %s not started, all events are dropped", strName.c_str());
+        QN_LOG_ERROR("Thread %s not started, all events are dropped", pszName);
         QN_EVENT_ShutDown(pHandle); // nobody would ever make room
     }
     return 0;
@@ -93,8 +96,10 @@ static bool TakeEvent(tagQN_HANDLER_S *pHandle, tagQN_EVENT_SLOT_S &stEvent)
     tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
     if (!pPrivate->lstOwnEvents.empty())
     {
-        pHandle->astEventQueue[pHandle->u32EventTail] = pPrivate->lstOwnEvents.front();
-        pPrivate->lstOwnEvents.pop_front();
+        std::swap(pHandle->astEventQueue[pHandle->u32EventTail], pPrivate->lstOwnEvents.front());
+        pPrivate->lstOwnEvents.front() = tagQN_EVENT_SLOT_S();
+        pPrivate->lstOwnSpare.splice(pPrivate->lstOwnSpare.end(), pPrivate->lstOwnEvents,
+                                     pPrivate->lstOwnEvents.begin());
         pHandle->u32EventTail = (pHandle->u32EventTail + 1) % QN_EVENT_SLOTS;
         pHandle->u32EventCount += 1;
     }

@@ -4,11 +4,25 @@
 
 #include "core/event_queue.h"
 
+#include <exception>
+#include <utility>
+
 #include "core/handle_private.h"
 #include "record/split_files.h"
+#include "util/results.h"
 
 namespace libquarrin
 {
+
+std::shared_ptr<void> QN_EVENT_MakeVolume(QN_VOLUME_ID_E enVolume)
+try
+{
+    return std::make_shared<QN_VOLUME_ID_E>(enVolume);
+}
+catch (const std::exception &)
+{
+    return nullptr;
+}
 
 // The caller holds mutexEvent and has seen room. Hands back what the slot held, to be released without the lock.
 static std::shared_ptr<void> StoreLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent,
@@ -92,6 +106,16 @@ static bool IsDispatcherLocked(const tagQN_HANDLER_S *pHandle)
     return pPrivate->bDispatching && pthread_equal(pPrivate->tidDispatcher, pthread_self()) != 0;
 }
 
+static void AddOwnLocked(tagQN_HANDLER_PRIVATE_S *pPrivate, tagQN_EVENT_SLOT_S stEvent)
+{
+    if (pPrivate->lstOwnSpare.empty())
+    {
+        pPrivate->lstOwnSpare.emplace_back();
+    }
+    pPrivate->lstOwnSpare.front() = std::move(stEvent);
+    pPrivate->lstOwnEvents.splice(pPrivate->lstOwnEvents.end(), pPrivate->lstOwnSpare, pPrivate->lstOwnSpare.begin());
+}
+
 // Queues the event, or drops it after a shut-down. False: the ring is full. spOld takes what the slot held.
 static bool TryPushLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,
                           std::shared_ptr<void> &spOld)
@@ -109,7 +133,7 @@ static bool TryPushLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const st
     if (IsDispatcherLocked(pHandle))
     {
         // A handler that waited for room here would wait for itself.
-        pHandle->pstPrivate->lstOwnEvents.push_back({enEvent, spPayload});
+        AddOwnLocked(pHandle->pstPrivate, {enEvent, spPayload});
         NoteOutcomeLocked(pHandle, enEvent);
         return true;
     }
@@ -196,14 +220,20 @@ void QN_EVENT_WaitForProducers(tagQN_HANDLER_S *pHandle)
 }
 
 int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::shared_ptr<void> spPayload)
+try
 {
     if (enEvent == QN_EVENT_E_RECORD_AUTO_SPLIT && spPayload != nullptr)
     {
         // A host's own; the session may go before the event is taken out.
-        QN_SPLIT_Add(pHandle, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
+        QN_SPLIT_NODE lstNode(1, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
+        QN_SPLIT_Add(pHandle, lstNode);
     }
     Push(pHandle, enEvent, spPayload, nullptr);
     return 0;
+}
+catch (const std::exception &)
+{
+    return static_cast<int32_t>(QN_RET_NO_MEMORY); // nothing was posted
 }
 
 void QN_EVENT_PushUnlocking(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,

@@ -31,7 +31,11 @@ void QN_EVENT_CountProducer(tagQN_HANDLER_S *pHandle, bool bBegins);
 /// The dispatcher has taken an event out of the ring. The caller holds mutexEvent.
 void QN_EVENT_TakenLocked(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent);
 
-/// Posts without waiting, but for plug events: these are posted by the calls that may wait. True: queued (or dropped, after a shut-down); false: the ring is full, nothing was done.
+/// The payload of a quota event; null: no memory.
+std::shared_ptr<void> QN_EVENT_MakeVolume(QN_VOLUME_ID_E enVolume);
+
+/// Posts without waiting, but for plug events: these are posted by the calls that may wait. True: queued (or dropped,
+/// after a shut-down); false: the ring is full, nothing was done.
 ///
 /// Threads: any. Locks: mutexEvent, a leaf.
 bool QN_EVENT_TryPush(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload);

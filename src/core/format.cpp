@@ -4,8 +4,8 @@
 
 #include "core/storage_state.h"
 
+#include <exception>
 #include <memory>
-#include <new>
 #include <string>
 
 #include "core/event_queue.h"
@@ -99,17 +99,25 @@ static void Worker(void *pArg)
     Post(*spJob, QN_EVENT_E_FORMAT_SUCCESS);
 }
 
-void QN_FORMAT_Start(tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)
+tagQN_FORMAT_JOB_S *QN_FORMAT_Make(const tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)
+try
+{
+    return new tagQN_FORMAT_JOB_S{pHandle->pstPrivate->spFormatLink, pHandle->strDevice, enFsType, 0};
+}
+catch (const std::exception &)
+{
+    return nullptr;
+}
+
+void QN_FORMAT_Start(tagQN_HANDLER_S *pHandle, tagQN_FORMAT_JOB_S *pJob)
 {
     tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->spFormatLink;
     UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
-    const uint32_t u32Format = ++stLink.u32Format;
+    pJob->u32Format = ++stLink.u32Format;
     QN_EVENT_OutdateOutcomes(pHandle);
     lock.reset();
-    tagQN_FORMAT_JOB_S *pJob = new (std::nothrow)
-        tagQN_FORMAT_JOB_S{pHandle->pstPrivate->spFormatLink, pHandle->strDevice, enFsType, u32Format};
     // A worker that cannot be started leaves the state at formatting until the card is pulled.
-    if (pJob != nullptr && UTIL_THREAD_RunFuncAsync(Worker, pJob) != 0)
+    if (UTIL_THREAD_RunFuncAsync(Worker, pJob) != 0)
     {
         delete pJob;
     }

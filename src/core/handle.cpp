@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <new>
 
 #include "core/event_queue.h"
@@ -20,6 +22,9 @@
 
 namespace libquarrin
 {
+
+// A handler posts one event at most, and the next one is taken out before the next handler runs.
+constexpr size_t OWN_EVENTS = 2;
 
 const char *QN_LibVersion()
 {
@@ -73,13 +78,9 @@ uint32_t QN_GetStorageState(tagQN_HANDLER_S *pHandle, QN_STORAGE_STATE_E *penSta
     return QN_RET_OK;
 }
 
-static tagQN_HANDLER_PRIVATE_S *MakePrivate(tagQN_HANDLER_S *pHandle)
+// The locks of a private part that is complete otherwise.
+static void InitLocks(tagQN_HANDLER_PRIVATE_S *pPrivate)
 {
-    tagQN_HANDLER_PRIVATE_S *pPrivate = new (std::nothrow) tagQN_HANDLER_PRIVATE_S();
-    if (pPrivate == nullptr)
-    {
-        return nullptr;
-    }
     pthread_rwlockattr_t stAttr;
     pthread_rwlockattr_init(&stAttr);
 #ifdef __GLIBC__
@@ -93,9 +94,28 @@ static tagQN_HANDLER_PRIVATE_S *MakePrivate(tagQN_HANDLER_S *pHandle)
     pthread_condattr_setclock(&stClock, CLOCK_MONOTONIC);
     pthread_cond_init(&pPrivate->condFiles, &stClock);
     pthread_condattr_destroy(&stClock);
-    pPrivate->spFormatLink = std::make_shared<tagQN_FORMAT_LINK_S>();
-    pPrivate->spFormatLink->pHandle = pHandle;
-    return pPrivate;
+}
+
+// Everything of a handle that needs memory, but for its threads'. False: there is none.
+static bool Fill(tagQN_HANDLER_S *pHandle, const tagQN_STORAGE_PARAM_S *pParam)
+try
+{
+    pHandle->strDevice = pParam->strDevice;
+    pHandle->s32PartitionNo = pParam->s32PartitionNo;
+    pHandle->pszMountPoint = pParam->pszMountPoint;
+    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
+    {
+        pHandle->astVolume[i] = pParam->astVolume[i];
+    }
+    pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
+    pHandle->pstPrivate->spFormatLink = std::make_shared<tagQN_FORMAT_LINK_S>();
+    pHandle->pstPrivate->spFormatLink->pHandle = pHandle;
+    pHandle->pstPrivate->lstOwnSpare.resize(OWN_EVENTS);
+    return true;
+}
+catch (const std::exception &)
+{
+    return false;
 }
 
 uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle)
@@ -104,25 +124,19 @@ uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle)
     {
         return QN_RET_NULL_HANDLE;
     }
-    tagQN_HANDLER_S *pNew = new (std::nothrow) tagQN_HANDLER_S();
-    if (pNew == nullptr)
+    std::unique_ptr<tagQN_HANDLER_S> spHandle(new (std::nothrow) tagQN_HANDLER_S());
+    std::unique_ptr<tagQN_HANDLER_PRIVATE_S> spPrivate(new (std::nothrow) tagQN_HANDLER_PRIVATE_S());
+    if (spHandle == nullptr || spPrivate == nullptr)
     {
         return QN_RET_NO_MEMORY;
     }
-    pNew->pstPrivate = MakePrivate(pNew);
-    if (pNew->pstPrivate == nullptr)
+    spHandle->pstPrivate = spPrivate.get();
+    if (!Fill(spHandle.get(), pParam))
     {
-        delete pNew;
         return QN_RET_NO_MEMORY;
     }
-    pHandle = pNew;
-    pHandle->strDevice = pParam->strDevice;
-    pHandle->s32PartitionNo = pParam->s32PartitionNo;
-    pHandle->pszMountPoint = pParam->pszMountPoint;
-    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
-    {
-        pHandle->astVolume[i] = pParam->astVolume[i];
-    }
+    InitLocks(spPrivate.release());
+    pHandle = spHandle.release();
     (void)QN_EVENT_Init(pHandle); // failures of both show in the log and in the state
     (void)QN_STORAGE_Init(pHandle);
     return QN_RET_OK;

@@ -29,6 +29,9 @@ struct tagQN_FORMAT_LINK_S
     uint32_t u32Format = 0;             ///< number of the last format: the worker of an older one is done
 };
 
+/// A replay and the frame that was out when an unplug took its reader, since the host may be reading it; null: none was.
+using QN_FRAME_OUT = std::pair<const tagQN_REPLAY_HANDLER_S *, void *>;
+
 struct tagQN_HANDLER_PRIVATE_S
 {
     /// The card gate. Shared: whoever opens a file, walks a folder or runs a host's command below the mount point.
@@ -41,11 +44,11 @@ struct tagQN_HANDLER_PRIVATE_S
     pthread_cond_t condFiles;          ///< a file was finished, or a command has ended; its clock is CLOCK_MONOTONIC
     std::list<std::string> lstWriting; ///< paths of files in progress
     std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
-    /// Frames that were out when their replay lost its reader: the host may be reading them.
-    std::list<std::pair<const tagQN_REPLAY_HANDLER_S *, std::shared_ptr<void>>> lstFramesOut;
+    std::list<QN_FRAME_OUT> lstFramesOut;                           ///< one of each open replay
     uint32_t u32Commands = 0; ///< commands of ours that run below the mount point; they begin through the card gate
     std::atomic<bool> bUnmounted{false}; ///< an unmount line of ours was issued, and nothing mounted since
-    /// When to check a volume again whose file system did not tell its size, CLOCK_MONOTONIC; 0: not.
+    /// When to check a volume again whose file system did not tell its size, or for whose list there was no memory,
+    /// CLOCK_MONOTONIC; 0: not.
     int64_t as64QuotaAgainUs[QN_VOLUME_COUNT] = {};
     bool abRefusalTold[QN_VOLUME_COUNT] = {}; ///< that a volume's folder is refused was said since the mount
 
@@ -54,6 +57,7 @@ struct tagQN_HANDLER_PRIVATE_S
     pthread_t tidDispatcher = 0;                ///< on this thread
     uint32_t u32Producers = 0;                  ///< calls that wait for room, or have just got it
     std::list<tagQN_EVENT_SLOT_S> lstOwnEvents; ///< posted by handlers into a full ring; they take the next free slots
+    std::list<tagQN_EVENT_SLOT_S> lstOwnSpare;  ///< room for them: a handler has done its work when it posts
     uint32_t u32PlugsAhead = 0;                 ///< plug events that are posted, and not taken out yet
     uint32_t u32OutcomesAhead = 0;              ///< outcomes of formats that are queued, or whose handler has not begun
     uint32_t u32OutcomesOld = 0;                ///< so many of them, the first ones, are earlier formats'

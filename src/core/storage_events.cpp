@@ -3,8 +3,6 @@
 
 #include "libquarrin/events.h"
 
-#include <utility>
-
 #include "core/event_queue.h"
 #include "core/handle_private.h"
 #include "core/storage_state.h"
@@ -71,18 +69,32 @@ static void StopSessions(tagQN_HANDLER_S *pHandle)
     }
 }
 
+// Keeps a frame for its replay, in the room that the open made for it.
+static void KeepFrame(tagQN_HANDLER_PRIVATE_S *pPrivate, const tagQN_REPLAY_HANDLER_S *pReplay, void *pFrame)
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
+    for (QN_FRAME_OUT &frame : pPrivate->lstFramesOut)
+    {
+        if (frame.first == pReplay && frame.second == nullptr)
+        {
+            frame.second = pFrame;
+            return;
+        }
+    }
+    FFREAD_FreeFrameOut(pFrame);
+}
+
 // Closes a reader. A frame that the host has out stays where it is until the host closes the replay: nothing has told the
 // host yet.
 static void CloseKeepingFrame(tagQN_HANDLER_S *pHandle, const tagQN_REPLAY_HANDLER_S *pReplay)
 {
-    std::shared_ptr<void> spFrame; // stays empty when the reader is a host's own: its frames are its business
-    FFREAD_KeepFrameOut(&spFrame);
+    void *pFrame = nullptr; // stays null when the reader is a host's own: its frames are its business
+    FFREAD_KeepFrameOut(&pFrame);
     (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader); // the card is gone
     FFREAD_KeepFrameOut(nullptr);
-    if (spFrame != nullptr)
+    if (pFrame != nullptr)
     {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-        pHandle->pstPrivate->lstFramesOut.emplace_back(pReplay, std::move(spFrame));
+        KeepFrame(pHandle->pstPrivate, pReplay, pFrame);
     }
 }
 

@@ -57,9 +57,14 @@ uint32_t QN_StorageFormat(tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)
     case QN_STATE_E_UNMOUNTED:
         break;
     }
+    tagQN_FORMAT_JOB_S *pJob = QN_FORMAT_Make(pHandle, enFsType);
+    if (pJob == nullptr)
+    {
+        return QN_RET_NO_MEMORY;
+    }
     pHandle->enState = QN_STATE_E_FORMATING;
     pHandle->enFormatFsType = enFsType;
-    QN_FORMAT_Start(pHandle, enFsType);
+    QN_FORMAT_Start(pHandle, pJob);
     return QN_RET_OK;
 }
 

@@ -294,11 +294,17 @@ int32_t FFMUXER_ReadSeek(void *pReader, uint32_t u32Seconds)
 }
 
 // Where FFMUXER_ReadClose of this thread leaves the frame that is out; null: nowhere, it is freed.
-static thread_local std::shared_ptr<void> *g_pspKeep = nullptr;
+static thread_local void **g_ppKeep = nullptr;
 
-void FFREAD_KeepFrameOut(std::shared_ptr<void> *pspFrame)
+void FFREAD_KeepFrameOut(void **ppFrame)
 {
-    g_pspKeep = pspFrame;
+    g_ppKeep = ppFrame;
+}
+
+void FFREAD_FreeFrameOut(void *pFrame)
+{
+    AVPacket *pPacket = static_cast<AVPacket *>(pFrame);
+    av_packet_free(&pPacket);
 }
 
 int32_t FFMUXER_ReadClose(void *pReader)
@@ -308,9 +314,9 @@ int32_t FFMUXER_ReadClose(void *pReader)
         return -1;
     }
     tagFFREAD_HANDLER_S *pHandler = static_cast<tagFFREAD_HANDLER_S *>(pReader);
-    if (g_pspKeep != nullptr && pHandler->pPacket != nullptr)
+    if (g_ppKeep != nullptr && pHandler->pPacket != nullptr)
     {
-        g_pspKeep->reset(pHandler->pPacket, [](AVPacket *pOwned) { av_packet_free(&pOwned); });
+        *g_ppKeep = pHandler->pPacket;
         pHandler->pPacket = nullptr;
     }
     FreeReader(pHandler);

@@ -3,16 +3,18 @@
 #ifndef QUARRIN_MEDIA_FRAME_OUT_H
 #define QUARRIN_MEDIA_FRAME_OUT_H
 
-#include <memory>
-
 namespace libquarrin
 {
 
 /// From now on FFMUXER_ReadClose, on this thread, hands over the frame that is out instead of freeing it. It is called
 /// through a table, which may be a host's with the library's function behind it, or without.
 ///
-/// \param pspFrame  [out] owns the frame's bytes, until it is told otherwise; null: frames are freed again.
-void FFREAD_KeepFrameOut(std::shared_ptr<void> *pspFrame);
+/// \param ppFrame  [out] the frame, until it is told otherwise; to be freed by FFREAD_FreeFrameOut. Null: frames are freed
+///                 again.
+void FFREAD_KeepFrameOut(void **ppFrame);
+
+/// Frees a frame that was handed over, with its bytes. Null is none.
+void FFREAD_FreeFrameOut(void *pFrame);
 
 } // namespace libquarrin
 

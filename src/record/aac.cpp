@@ -3,25 +3,12 @@
 
 #include "libquarrin/stream.h"
 
-#include <string>
-
 #include "util/log.h"
-
-static std::string HexOf(const unsigned char *pu8Data, uint32_t u32Len)
-{
-    std::string strText;
-    for (uint32_t i = 0; i < u32Len; ++i)
-    {
-        char szByte[8];
-        (void)snprintf(szByte, sizeof(szByte), "%02x ", static_cast<uint32_t>(pu8Data[i])); // three characters
-        strText += szByte;
-    }
-    return strText;
-}
 
 uint16_t AAC_GET_AUDIO_SPECIFIC_CONFIG(unsigned char *pu8Adts)
 {
-    QN_TRACE("Get ADTS: %s\n", HexOf(pu8Adts, 7).c_str());
+    QN_TRACE("Get ADTS: %02x %02x %02x %02x %02x %02x %02x \n", pu8Adts[0], pu8Adts[1], pu8Adts[2], pu8Adts[3],
+             pu8Adts[4], pu8Adts[5], pu8Adts[6]);
     // ISO/IEC 14496-3, 1.A.3.2: the fixed header.
     const uint32_t u32ObjectType = (pu8Adts[2] >> 6) + 1u;
     const uint32_t u32Index = (pu8Adts[2] >> 2) & 15u;

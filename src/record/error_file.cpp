@@ -1,6 +1,7 @@
 // Moving a damaged file aside.
 // Threads: the host's. Locks: the card gate, shared, before the command runs.
 
+#include <exception>
 #include <string>
 
 #include "libquarrin/record.h"
@@ -42,6 +43,7 @@ static uint32_t Move(const std::string &strCommand, const std::string &strTarget
 }
 
 uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const char *pszFileName)
+try
 {
     if (pHandle == nullptr)
     {
@@ -76,6 +78,10 @@ uint32_t QN_RecordErrorFileClear(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolu
     const uint32_t u32Result = Move(strCommand, strTarget);
     QN_CARD_CommandEnd(pHandle);
     return u32Result;
+}
+catch (const std::exception &)
+{
+    return QN_RET_NO_MEMORY;
 }
 
 } // namespace libquarrin

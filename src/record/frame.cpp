@@ -3,6 +3,9 @@
 // while the call waits for ring room, since the hot-unplug handler that would make room wants stMutex.
 
 #include <ctime>
+#include <exception>
+#include <memory>
+#include <string>
 
 #include "core/event_queue.h"
 #include "core/handle_private.h"
@@ -32,7 +35,7 @@ struct tagQN_FRAME_S
 enum QN_SPLIT_E : int32_t
 {
     QN_SPLIT_E_DONE,      ///< the frame belongs to a new file
-    QN_SPLIT_E_NOT_NOW,   ///< the new name is taken: the next key frame tries again
+    QN_SPLIT_E_NOT_NOW,   ///< the new name is taken, or there is no memory: the next key frame tries again
     QN_SPLIT_E_RING_FULL, ///< nothing was done
 };
 
@@ -103,20 +106,47 @@ static bool IsSplitDueLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME
            MayBeginFile(pSession, stFrame) && MayBeginVideoLocked(pSession, stFrame);
 }
 
-static std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> MakeEventLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow,
-                                                                 bool bSamePath)
+/// What a split needs of memory: all of it is taken before anything is done.
+struct tagQN_SPLIT_S
 {
-    auto spEvent = std::make_shared<tagQN_AUTO_SPLIT_EVENT_S>();
+    std::string strNewPath;
+    bool bSamePath = false;
+    QN_SPLIT_NODE lstEvent;
+    std::string strFinal; ///< of the old file, when the new one takes its name
+};
+
+static void FillEventLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t tNow, bool bSamePath,
+                            tagQN_AUTO_SPLIT_EVENT_S &stEvent)
+{
+    stEvent.strFilePath = pSession->strFilePath;
+    stEvent.tStart = pSession->tFileStart;
+    stEvent.tEnd = tNow;
+    stEvent.bPathTaken = bSamePath;
+    stEvent.bPathClaimed = pSession->pstPrivate->bPathClaimed && !bSamePath;
+    stEvent.pstMediaApi = pSession->pstMediaApi;
+    stEvent.strNameTag = pSession->strNameTag;
+}
+
+// Claims the new name, if it is another one. False: somebody has it, or there is no memory.
+static bool PlanSplitLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, tagQN_SPLIT_S &stSplit)
+try
+{
+    stSplit.strNewPath = QN_RECORD_PathLocked(pSession, tNow);
+    stSplit.bSamePath = stSplit.strNewPath == pSession->strFilePath;
+    const auto spEvent = std::make_shared<tagQN_AUTO_SPLIT_EVENT_S>();
     spEvent->pstRecord = pSession;
-    spEvent->pWriter = pSession->pWriter;
-    spEvent->strFilePath = pSession->strFilePath;
-    spEvent->tStart = pSession->tFileStart;
-    spEvent->tEnd = tNow;
-    spEvent->bPathTaken = bSamePath;
-    spEvent->bPathClaimed = pSession->pstPrivate->bPathClaimed && !bSamePath;
-    spEvent->pstMediaApi = pSession->pstMediaApi;
-    spEvent->strNameTag = pSession->strNameTag;
-    return spEvent;
+    FillEventLocked(pSession, tNow, stSplit.bSamePath, *spEvent);
+    stSplit.lstEvent.push_back(spEvent);
+    if (stSplit.bSamePath)
+    {
+        stSplit.strFinal = QN_FINISH_FinalPath(*spEvent);
+        return !stSplit.strFinal.empty();
+    }
+    return !stSplit.strNewPath.empty() && QN_WRITING_Claim(pSession->pstHandle, stSplit.strNewPath);
+}
+catch (const std::exception &)
+{
+    return false;
 }
 
 static void AnnounceSplit(tagQN_FRAME_S &stFrame)
@@ -131,27 +161,27 @@ static void AnnounceSplit(tagQN_FRAME_S &stFrame)
 }
 
 // Hands the old writer to the event and opens the next file. Locks held: stMutex.
-static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, const std::string &strNewPath)
+static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, tagQN_SPLIT_S &stSplit)
 {
-    const bool bSamePath = strNewPath == pSession->strFilePath;
     // From the post on the old writer is not ours: nobody may ask it for its bytes.
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
-    const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> spEvent = MakeEventLocked(pSession, tNow, bSamePath);
-    QN_SPLIT_Add(pSession->pstHandle, spEvent);
+    const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> spEvent = stSplit.lstEvent.front();
+    spEvent->pWriter = pSession->pWriter;
+    QN_SPLIT_Add(pSession->pstHandle, stSplit.lstEvent);
     if (!QN_EVENT_TryPush(pSession->pstHandle, QN_EVENT_E_RECORD_AUTO_SPLIT, spEvent))
     {
         QN_SPLIT_Remove(pSession->pstHandle, spEvent);
         return false;
     }
-    if (bSamePath)
+    if (stSplit.bSamePath)
     {
         // The old file ends in the second of its begin, as a rule, and is too short to be kept; but the times are public.
-        QN_FINISH_MakeWay(*spEvent);
+        QN_FINISH_MakeWay(*spEvent, stSplit.strFinal);
     }
     pSession->tFileStart = tNow;
     pSession->tRunStart = tNow;
     pSession->u32RunSeconds = 0;
-    pSession->strFilePath = strNewPath;
+    pSession->strFilePath.swap(stSplit.strNewPath);
     pSession->pstPrivate->bPathClaimed = true;
     QN_RECORD_ForgetVideoLocked(pSession);
     // Kept: a file that cannot be opened is not reported; its frames are lost until the next split.
@@ -166,18 +196,17 @@ static QN_SPLIT_E SplitLocked(tagQN_RECORD_HANDLER_S *pSession, tagQN_FRAME_S &s
     {
         return QN_SPLIT_E_RING_FULL;
     }
-    const std::string strNewPath = QN_RECORD_PathLocked(pSession, tNow);
-    const bool bSamePath = strNewPath == pSession->strFilePath;
-    if (!bSamePath && !QN_WRITING_Claim(pHandle, strNewPath))
+    tagQN_SPLIT_S stSplit;
+    if (!PlanSplitLocked(pSession, tNow, stSplit))
     {
         return QN_SPLIT_E_NOT_NOW;
     }
     AnnounceSplit(stFrame);
-    if (!SwapFilesLocked(pSession, tNow, strNewPath))
+    if (!SwapFilesLocked(pSession, tNow, stSplit))
     {
-        if (!bSamePath)
+        if (!stSplit.bSamePath)
         {
-            QN_WRITING_Release(pHandle, strNewPath);
+            QN_WRITING_Release(pHandle, stSplit.strNewPath);
         }
         return QN_SPLIT_E_RING_FULL;
     }
@@ -217,6 +246,11 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
     }
     const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
+    const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(pSession->enVolumeId);
+    if (spVolume == nullptr)
+    {
+        return QN_RET_OK; // a frame that there is no memory for is dropped before it begins or splits anything
+    }
     tagQN_FRAME_S stFrame = {pu8Data, u32Len, u64Pts, bKey != 0, bVideo, false};
     time_t tNow = time(nullptr);
     UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
@@ -234,7 +268,6 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
         tNow = time(nullptr); // state, writer and split are looked at anew
     }
     WriteLocked(pSession, stFrame);
-    const auto spVolume = std::make_shared<QN_VOLUME_ID_E>(pSession->enVolumeId);
     QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume, lock);
     if (pHandle->pstPrivate->bNoDispatcher)
     {

@@ -4,6 +4,7 @@
 
 #include "record/session.h"
 
+#include <exception>
 #include <new>
 
 #include <time.h>
@@ -39,6 +40,39 @@ static tagQN_RECORD_HANDLER_S *Allocate()
         return nullptr;
     }
     return pSession;
+}
+
+// The session's own parameters. False: no memory for the parameter sets.
+static bool CopyParam(tagQN_RECORD_HANDLER_S *pSession, const tagQN_RECORD_PARAM_S *pParam)
+{
+    tagQN_STREAM_PARAM_S &stVideo = pSession->stParam.stVideo;
+    pSession->stParam = *pParam;
+    if (stVideo.bEnable == 0)
+    {
+        return true;
+    }
+    pSession->pstPrivate->bOwnsParameterSets = true;
+    stVideo.stSps = QN_BYTES_dup(pParam->stVideo.stSps);
+    stVideo.stPps = QN_BYTES_dup(pParam->stVideo.stPps);
+    const auto lost = [](const tagQN_BYTES &stSrc, const tagQN_BYTES &stCopy)
+    {
+        return stSrc.pu8Data != nullptr && stSrc.u32Len != 0 && stCopy.pu8Data == nullptr;
+    };
+    return !lost(pParam->stVideo.stSps, stVideo.stSps) && !lost(pParam->stVideo.stPps, stVideo.stPps);
+}
+
+// False: no memory.
+static bool Link(tagQN_HANDLER_S *pHandle, tagQN_RECORD_HANDLER_S *pSession)
+try
+{
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+    pSession->pstHandle = pHandle;
+    pHandle->lstRecord.push_back(pSession);
+    return true;
+}
+catch (const std::exception &)
+{
+    return false;
 }
 
 static bool IsAccepted(const tagQN_HANDLER_S *pHandle, QN_FILE_FMT_E enFormat)
@@ -82,22 +116,16 @@ uint32_t QN_RecordInit(tagQN_HANDLER_S *pHandle, tagQN_RECORD_PARAM_S *pParam, t
     }
     if (!IsAccepted(pHandle, pParam->enFormat))
     {
-        delete pNew->pstPrivate;
-        delete pNew;
+        QN_RECORD_FreeSession(pNew);
         return QN_RET_OK; // Kept: hosts look at the session, which stays null
     }
     pNew->enVolumeId = QN_VOLUME_ID_E_0;
     pNew->pstMediaApi = &qn_media_api_ffmpeg;
-    pNew->stParam = *pParam;
-    if (pParam->stVideo.bEnable != 0)
+    if (!CopyParam(pNew, pParam) || !Link(pHandle, pNew))
     {
-        pNew->stParam.stVideo.stSps = QN_BYTES_dup(pParam->stVideo.stSps);
-        pNew->stParam.stVideo.stPps = QN_BYTES_dup(pParam->stVideo.stPps);
-        pNew->pstPrivate->bOwnsParameterSets = true;
+        QN_RECORD_FreeSession(pNew);
+        return QN_RET_NO_MEMORY;
     }
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
-    pNew->pstHandle = pHandle;
-    pHandle->lstRecord.push_back(pNew);
     pSession = pNew;
     return QN_RET_OK;
 }
@@ -222,6 +250,11 @@ static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart, u
     pSession->u32RunSeconds = 0;
     pSession->strNameTag = stStart.pszNameTag == nullptr ? "" : stStart.pszNameTag;
     pSession->strFilePath = QN_RECORD_PathLocked(pSession, pSession->tFileStart);
+    if (pSession->strFilePath.empty())
+    {
+        u32Result = QN_RET_NO_MEMORY;
+        return true;
+    }
     if (!QN_WRITING_Claim(pHandle, pSession->strFilePath))
     {
         return false;
@@ -257,6 +290,7 @@ static uint32_t StartInItsSecond(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S
 }
 
 uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag)
+try
 {
     if (pSession == nullptr)
     {
@@ -278,6 +312,10 @@ uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag
     const std::unique_ptr<std::atomic<bool>, void (*)(std::atomic<bool> *)> starting(
         &pPrivate->bStarting, [](std::atomic<bool> *pStarting) { *pStarting = false; });
     return StartInItsSecond(pSession, stStart);
+}
+catch (const std::exception &)
+{
+    return QN_RET_NO_MEMORY; // before a name was claimed
 }
 
 bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession)

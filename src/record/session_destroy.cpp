@@ -29,7 +29,7 @@ static void Stop(tagQN_RECORD_HANDLER_S *pSession)
     }
 }
 
-static void Free(tagQN_RECORD_HANDLER_S *pSession)
+void QN_RECORD_FreeSession(tagQN_RECORD_HANDLER_S *pSession)
 {
     if (pSession->pstPrivate->bOwnsParameterSets)
     {
@@ -45,8 +45,11 @@ void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink)
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
     Stop(pSession);
     QN_SPLIT_FinishAll(pHandle, pSession);
-    (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_THROTTLE,
-                             std::make_shared<QN_VOLUME_ID_E>(pSession->enVolumeId)); // always 0
+    const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(pSession->enVolumeId);
+    if (spVolume != nullptr) // without memory the next frame's check has to do
+    {
+        (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume); // always 0
+    }
     // With nothing held: calls that have begun want stMutex, and the card gate, behind which an unplug may want the list.
     UTIL_CALLS_Wait(pSession->pstPrivate->stCalls);
     if (bUnlink)
@@ -55,7 +58,7 @@ void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink)
         const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
         pHandle->lstRecord.remove(pSession);
     }
-    Free(pSession);
+    QN_RECORD_FreeSession(pSession);
 }
 
 uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession, tagBU_BOOL bUnlink)
@@ -85,6 +88,11 @@ uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolum
     {
         return QN_RET_STATE;
     }
+    const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(enVolume);
+    if (spVolume == nullptr)
+    {
+        return QN_RET_NO_MEMORY;
+    }
     // Atomic: a check may be reading it on the event thread.
     __atomic_store_n(&pHandle->astVolume[enVolume].bAutoDelete, bAutoDelete != 0, __ATOMIC_SEQ_CST);
     if (bAutoDelete != 0 && pHandle->enStorageState.load() == QN_STORAGE_STATE_E_FULL)
@@ -92,7 +100,7 @@ uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolum
         pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
         return QN_RET_OK;
     }
-    (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_UPDATE, std::make_shared<QN_VOLUME_ID_E>(enVolume));
+    (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_UPDATE, spVolume); // always 0
     return QN_RET_OK;
 }
 

@@ -17,12 +17,13 @@ constexpr int32_t FINISH_TO_DO = 0;
 constexpr int32_t FINISH_RUNNING = 1;
 constexpr int32_t FINISH_DONE = 2;
 
-void QN_SPLIT_Add(tagQN_HANDLER_S *pHandle, const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> &spEvent)
+void QN_SPLIT_Add(tagQN_HANDLER_S *pHandle, QN_SPLIT_NODE &lstNode)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-    if (spEvent->s32Finish == FINISH_TO_DO) // Invariant: what stands in the list is not finished
+    if (lstNode.front()->s32Finish == FINISH_TO_DO) // Invariant: what stands in the list is not finished
     {
-        pHandle->pstPrivate->lstSplits.push_back(spEvent);
+        QN_SPLIT_NODE &lstSplits = pHandle->pstPrivate->lstSplits;
+        lstSplits.splice(lstSplits.end(), lstNode);
     }
 }
 

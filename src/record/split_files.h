@@ -4,6 +4,7 @@
 #ifndef QUARRIN_RECORD_SPLIT_FILES_H
 #define QUARRIN_RECORD_SPLIT_FILES_H
 
+#include <list>
 #include <memory>
 
 #include "libquarrin/record.h"
@@ -11,8 +12,12 @@
 namespace libquarrin
 {
 
-/// Notes a file that is being split off, before its event is posted.
-void QN_SPLIT_Add(tagQN_HANDLER_S *pHandle, const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> &spEvent);
+/// One event, in a list of its own: what a note needs of memory is taken before anything is done.
+using QN_SPLIT_NODE = std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>>;
+
+/// Notes a file that is being split off, before its event is posted. The node is moved into the list, or stays when the
+/// file is finished already.
+void QN_SPLIT_Add(tagQN_HANDLER_S *pHandle, QN_SPLIT_NODE &lstNode);
 
 /// Takes the note back: the event could not be posted.
 void QN_SPLIT_Remove(tagQN_HANDLER_S *pHandle, const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> &spEvent);

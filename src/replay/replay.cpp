@@ -5,6 +5,9 @@
 #include "libquarrin/replay.h"
 
 #include <cstdio>
+#include <exception>
+#include <list>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -12,6 +15,7 @@
 
 #include "core/handle_private.h"
 #include "libquarrin/naming.h"
+#include "media/frame_out.h"
 #include "storage/scan_folder.h"
 #include "storage/volume_folder.h"
 #include "util/lock.h"
@@ -46,6 +50,7 @@ static uint32_t CheckMounted(const tagQN_HANDLER_S *pHandle, const char *pszFunc
 }
 
 uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, std::vector<tagQN_FILE_INFO_S> *pvecFiles)
+try
 {
     if (pHandle == nullptr)
     {
@@ -73,6 +78,10 @@ uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, st
     }
     return static_cast<uint32_t>(
         QN_CATALOGUE_ScanOpen(std::move(folder), QN_VOLUME_Path(pHandle, enVolume).c_str(), *pvecFiles));
+}
+catch (const std::exception &)
+{
+    return QN_RET_NO_MEMORY;
 }
 
 // The back end that reads a container; null when there is none.
@@ -107,6 +116,14 @@ static bool OpenReader(tagQN_REPLAY_HANDLER_S *pReplay, QN_FILE_FMT_E enFormat)
     return pReplay->pReader != nullptr;
 }
 
+// Room for the frame that may be out when an unplug takes the reader.
+static void NoteFrame(tagQN_HANDLER_S *pHandle, std::list<QN_FRAME_OUT> &lstFrame)
+{
+    tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
+    pPrivate->lstFramesOut.splice(pPrivate->lstFramesOut.end(), lstFrame);
+}
+
 // The open calls, with the card gate held.
 static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stInfo,
                           const tagQN_REPLAY_PARAM_S &stParam, tagQN_REPLAY_HANDLER_S *&pReplayHandler)
@@ -133,28 +150,33 @@ static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stI
         QN_LOG_ERROR_AS(FUNC, "file %s format not supported", stInfo.strPath.c_str());
         return QN_RET_OPEN;
     }
-    tagQN_REPLAY_PRIVATE_S *pReplay = new (std::nothrow) tagQN_REPLAY_PRIVATE_S();
-    if (pReplay == nullptr)
+    std::unique_ptr<tagQN_REPLAY_PRIVATE_S> spReplay(new (std::nothrow) tagQN_REPLAY_PRIVATE_S());
+    if (spReplay == nullptr)
     {
         return QN_RET_NO_MEMORY;
     }
+    // All memory is taken before the file is opened.
+    tagQN_REPLAY_PRIVATE_S *pReplay = spReplay.get();
+    std::list<tagQN_REPLAY_HANDLER_S *> lstNode(1, pReplay);
+    std::list<QN_FRAME_OUT> lstFrame(1, QN_FRAME_OUT(pReplay, nullptr));
     pReplay->pHandle = pHandle;
     pReplay->stFileInfo = stInfo;
     pReplay->stParam = stParam;
     pReplay->pstMediaApi = pstApi;
     if (!OpenReader(pReplay, enFormat))
     {
-        delete pReplay;
         return QN_RET_OPEN;
     }
+    NoteFrame(pHandle, lstFrame);
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
-    pHandle->lstReplay.push_back(pReplay);
-    pReplayHandler = pReplay;
+    pHandle->lstReplay.splice(pHandle->lstReplay.end(), lstNode);
+    pReplayHandler = spReplay.release();
     return QN_RET_OK;
 }
 
 uint32_t QN_ReplayOpen(tagQN_HANDLER_S *pHandle, tagQN_FILE_INFO_S stInfo, tagQN_REPLAY_PARAM_S stParam,
                        tagQN_REPLAY_HANDLER_S *&pReplayHandler)
+try
 {
     pReplayHandler = nullptr;
     if (pHandle == nullptr)
@@ -164,13 +186,22 @@ uint32_t QN_ReplayOpen(tagQN_HANDLER_S *pHandle, tagQN_FILE_INFO_S stInfo, tagQN
     const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
     return OpenGated(pHandle, stInfo, stParam, pReplayHandler);
 }
+catch (const std::exception &)
+{
+    return QN_RET_NO_MEMORY;
+}
 
 // Opens a path that exists.
 static uint32_t OpenPathGated(tagQN_HANDLER_S *pHandle, const char *pszFunc, const std::string &strPath,
                               const tagQN_REPLAY_PARAM_S &stParam, tagQN_REPLAY_HANDLER_S *&pReplayHandler)
 {
     tagQN_FILE_INFO_S stInfo;
-    if (QN_STORAGE_GetFileInfo(strPath.c_str(), &stInfo) != 0)
+    const int32_t s32Result = QN_STORAGE_GetFileInfo(strPath.c_str(), &stInfo);
+    if (s32Result == static_cast<int32_t>(QN_RET_NO_MEMORY))
+    {
+        return QN_RET_NO_MEMORY;
+    }
+    if (s32Result != 0)
     {
         QN_LOG_ERROR_AS(pszFunc, "cannot parse file name of %s", strPath.c_str());
         return QN_RET_OPEN;
@@ -200,6 +231,7 @@ static std::string FindInVolumes(tagQN_HANDLER_S *pHandle, const std::string &st
 
 uint32_t QN_ReplayOpenByFileName(tagQN_HANDLER_S *pHandle, std::string strName, tagQN_REPLAY_PARAM_S stParam,
                                  tagQN_REPLAY_HANDLER_S *&pReplayHandler)
+try
 {
     pReplayHandler = nullptr;
     if (pHandle == nullptr)
@@ -219,9 +251,14 @@ uint32_t QN_ReplayOpenByFileName(tagQN_HANDLER_S *pHandle, std::string strName, 
     }
     return OpenPathGated(pHandle, __func__, strPath, stParam, pReplayHandler);
 }
+catch (const std::exception &)
+{
+    return QN_RET_NO_MEMORY;
+}
 
 uint32_t QN_ReplayOpenByFilePath(tagQN_HANDLER_S *pHandle, std::string strPath, tagQN_REPLAY_PARAM_S stParam,
                                  tagQN_REPLAY_HANDLER_S *&pReplayHandler)
+try
 {
     pReplayHandler = nullptr;
     if (pHandle == nullptr)
@@ -239,6 +276,10 @@ uint32_t QN_ReplayOpenByFilePath(tagQN_HANDLER_S *pHandle, std::string strPath, 
         return QN_RET_OPEN;
     }
     return OpenPathGated(pHandle, __func__, strPath, stParam, pReplayHandler);
+}
+catch (const std::exception &)
+{
+    return QN_RET_NO_MEMORY;
 }
 
 // Calls one read slot under the replay's mutex. A reader or slot that is not there gives QN_RET_NO_READER.
@@ -300,7 +341,16 @@ static void FreeFrameOut(const tagQN_REPLAY_HANDLER_S *pReplayHandler)
 {
     tagQN_HANDLER_PRIVATE_S *pPrivate = pReplayHandler->pHandle->pstPrivate;
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    pPrivate->lstFramesOut.remove_if([pReplayHandler](const auto &entry) { return entry.first == pReplayHandler; });
+    pPrivate->lstFramesOut.remove_if(
+        [pReplayHandler](const QN_FRAME_OUT &frame)
+        {
+            if (frame.first == pReplayHandler)
+            {
+                FFREAD_FreeFrameOut(frame.second);
+                return true;
+            }
+            return false;
+        });
 }
 
 int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemove)

@@ -5,8 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <linux/netlink.h>
@@ -19,6 +20,7 @@
 #include "core/event_queue.h"
 #include "core/handle_private.h"
 #include "libquarrin/storage.h"
+#include "util/line.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -81,13 +83,15 @@ static bool IsKernelDevice(const tagQN_HANDLER_S *pHandle)
 int32_t QN_STORAGE_HotplugInit(tagQN_HANDLER_S *pHandle)
 {
     pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
-    const std::string strName = pHandle->strDevName + ":hotplug";
+    UTIL_LINE_S stName;
+    (void)UTIL_LINE_Format(stName, "%s:hotplug", pHandle->strDevName.c_str());
+    const char *pszName = stName.szShort; // a thread's name is short
     pHandle->s32NetlinkFd = -1;
     QN_EVENT_NotePresence(pHandle, IsPresent(pHandle));
     pHandle->pstPrivate->bKernelDevice = IsKernelDevice(pHandle);
-    (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, strName.c_str(), QN_STORAGE_HotplugThread, pHandle);
+    (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, pszName, QN_STORAGE_HotplugThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stHotplugThread, nullptr); // without it, plugging goes unnoticed
-    QN_LOG_INFO("Thread %s start", strName.c_str());
+    QN_LOG_INFO("Thread %s start", pszName);
     return 0;
 }
 
@@ -137,22 +141,31 @@ static void LookAgain(tagQN_HANDLER_S *pHandle)
 }
 
 // As select on one descriptor. The set has a bit for every descriptor up to this one: fd_set itself ends at 1023, and a
-// host may have more open.
+// host may have more open, for which memory is taken.
 static int32_t WaitReadable(int32_t s32Fd)
 {
+    constexpr size_t FEW = 2 * sizeof(fd_set) / sizeof(fd_mask);
+    fd_mask anFew[FEW] = {};
     const size_t word = static_cast<size_t>(s32Fd) / NFDBITS;
-    std::vector<fd_mask> vecSet(word + sizeof(fd_set) / sizeof(fd_mask), 0);
-    vecSet[word] = static_cast<fd_mask>(1UL << (static_cast<size_t>(s32Fd) % NFDBITS));
+    const std::unique_ptr<fd_mask[]> spMany(word < FEW ? nullptr : new (std::nothrow) fd_mask[word + FEW]());
+    fd_mask *pSet = word < FEW ? anFew : spMany.get();
+    if (pSet == nullptr)
+    {
+        usleep(REOPEN_PAUSE_US); // the next pass looks
+        return 0;
+    }
+    pSet[word] = static_cast<fd_mask>(1UL << (static_cast<size_t>(s32Fd) % NFDBITS));
     struct timeval stTimeout = {0, WAIT_US};
-    const int32_t s32Ready = select(s32Fd + 1, reinterpret_cast<fd_set *>(vecSet.data()), nullptr, nullptr, &stTimeout);
-    return s32Ready > 0 && vecSet[word] == 0 ? 0 : s32Ready;
+    const int32_t s32Ready = select(s32Fd + 1, reinterpret_cast<fd_set *>(pSet), nullptr, nullptr, &stTimeout);
+    return s32Ready > 0 && pSet[word] == 0 ? 0 : s32Ready;
 }
 
 // The header "ACTION@DEVPATH" names this device when it ends in its name.
-static bool NamesDevice(const std::string &strHeader, const std::string &strDevName)
+static bool NamesDevice(const char *pszHeader, const std::string &strDevName)
 {
-    return !strDevName.empty() && strHeader.size() >= strDevName.size() &&
-           strHeader.compare(strHeader.size() - strDevName.size(), strDevName.size(), strDevName) == 0;
+    const size_t length = strlen(pszHeader);
+    return !strDevName.empty() && length >= strDevName.size() &&
+           strDevName.compare(pszHeader + length - strDevName.size()) == 0;
 }
 
 static void PostLater(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
@@ -165,26 +178,25 @@ static void PostLater(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
     (void)QN_EVENT_PushEvent(pHandle, enEvent, nullptr); // always 0
 }
 
-static void HandleHeader(tagQN_HANDLER_S *pHandle, const std::string &strHeader)
+static void HandleHeader(tagQN_HANDLER_S *pHandle, const char *pszHeader)
 {
-    if (!NamesDevice(strHeader, pHandle->strDevName))
+    if (!NamesDevice(pszHeader, pHandle->strDevName))
     {
         return;
     }
-    if (strHeader.rfind("add@", 0) == 0)
+    if (strncmp(pszHeader, "add@", strlen("add@")) == 0)
     {
         PostLater(pHandle, QN_EVENT_E_HOTPLUG_IN);
     }
-    else if (strHeader.rfind("remove@", 0) == 0)
+    else if (strncmp(pszHeader, "remove@", strlen("remove@")) == 0)
     {
         PostLater(pHandle, QN_EVENT_E_HOTPLUG_OUT);
     }
 }
 
 // Receives one message; false when there is none, the socket is closed then if it is broken.
-static bool Receive(tagQN_HANDLER_S *pHandle, std::string &strHeader)
+static bool Receive(tagQN_HANDLER_S *pHandle, char (&acBuffer)[UEVENT_BYTES + 1])
 {
-    char acBuffer[UEVENT_BYTES + 1];
     struct sockaddr_nl stFrom = {};
     struct iovec stVector = {acBuffer, UEVENT_BYTES};
     struct msghdr stMessage = {};
@@ -202,8 +214,7 @@ static bool Receive(tagQN_HANDLER_S *pHandle, std::string &strHeader)
     {
         return false;
     }
-    acBuffer[s64Bytes] = '\0';
-    strHeader = acBuffer; // up to the first NUL: the key=value lines behind it do not count
+    acBuffer[s64Bytes] = '\0'; // the header ends at the first NUL: the key=value lines behind it do not count
     return true;
 }
 
@@ -237,11 +248,11 @@ void QN_STORAGE_HotplugThread(void *pArg)
         return;
     }
     QN_TRACE("[%s:%d] recvmsg\n", __func__, __LINE__);
-    std::string strHeader;
-    if (Receive(pHandle, strHeader))
+    char acHeader[UEVENT_BYTES + 1];
+    if (Receive(pHandle, acHeader))
     {
-        QN_TRACE("[%s:%d] %s\n", __func__, __LINE__, strHeader.c_str());
-        HandleHeader(pHandle, strHeader);
+        QN_TRACE("[%s:%d] %s\n", __func__, __LINE__, acHeader);
+        HandleHeader(pHandle, acHeader);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "libquarrin/quota.h"
 
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,8 +17,10 @@
 #include "storage/card_commands.h"
 #include "storage/quota_again.h"
 #include "storage/scan_folder.h"
+#include "storage/texts.h"
 #include "storage/volume_folder.h"
 #include "storage/writing_files.h"
+#include "util/line.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/pause.h"
@@ -58,8 +61,11 @@ int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
         const auto enVolume = static_cast<QN_VOLUME_ID_E>(i);
         if (QN_VOLUME_MayBeMade(pHandle, enVolume))
         {
-            const std::string strCommand = "mkdir -p " + QN_VOLUME_Path(pHandle, enVolume);
-            (void)BU_RunCmd(strCommand.c_str()); // a folder that is missing shows when a file is opened in it
+            UTIL_LINE_S stLine;
+            const char *pszLine = UTIL_LINE_Format(stLine, "mkdir -p %s/%s", pHandle->pszMountPoint.c_str(),
+                                                   pHandle->astVolume[i].pszFolder.c_str());
+            // A folder that is missing shows when a file is opened in it.
+            (void)(pszLine == nullptr ? -1 : BU_RunCmd(pszLine));
         }
         pHandle->astQuotaLastCheck[i] = {};
     }
@@ -76,10 +82,15 @@ static uint64_t QuotaBytes(const tagQN_VOLUME_PARAM_S &stVolume, uint64_t u64Tot
     return stVolume.u32QuotaBytes;
 }
 
-static std::string SumText(const tagQN_QUOTA_SUM_S &stSum)
+static tagQN_TEXT_S SumText(const tagQN_QUOTA_SUM_S &stSum)
 {
-    return QN_STORAGE_PrettierSize(stSum.u64Used) + "|" + QN_STORAGE_PrettierSize(stSum.u64Quota - stSum.u32Reserve) +
-           "|" + QN_STORAGE_PrettierSize(stSum.u64Quota);
+    const tagQN_TEXT_S stUsed = QN_TEXT_Size(stSum.u64Used);
+    const tagQN_TEXT_S stLimit = QN_TEXT_Size(stSum.u64Quota - stSum.u32Reserve);
+    const tagQN_TEXT_S stQuota = QN_TEXT_Size(stSum.u64Quota);
+    tagQN_TEXT_S stText = {};
+    (void)snprintf(stText.szText, sizeof(stText.szText), "%.24s|%.24s|%.24s", stUsed.szText, stLimit.szText,
+                   stQuota.szText); // a size has 16 characters at most
+    return stText;
 }
 
 static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
@@ -92,6 +103,7 @@ static bool IsFull(const tagQN_QUOTA_SUM_S &stSum)
 // as long as nobody has put another folder, or another card, in its place.
 static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const struct stat &stFolder,
                          const std::vector<tagQN_FILE_INFO_S> &vecFiles, tagQN_QUOTA_SUM_S &stSum)
+try
 {
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
@@ -109,6 +121,10 @@ static void DeleteOldest(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, cons
         (void)remove(stFile.strPath.c_str()); // a file that stays still counts as freed
         stSum.u64Used -= stFile.u64Size;
     }
+}
+catch (const std::exception &)
+{
+    // No memory for a claim: the next check goes on.
 }
 
 // Without automatic deletion. The host may switch it on while the check runs: whoever is later sees the other's word.
@@ -130,7 +146,20 @@ static void SetAgain(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, int64_t 
     pHandle->pstPrivate->as64QuotaAgainUs[enVolume] = s64AgainUs;
 }
 
-// A check of an enabled volume; the caller holds the card gate.
+// The files of an open folder. False: no memory.
+static bool List(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, UTIL_FD &&folder,
+                 std::vector<tagQN_FILE_INFO_S> &vecFiles)
+try
+{
+    return QN_CATALOGUE_ScanOpen(std::move(folder), QN_VOLUME_Path(pHandle, enVolume).c_str(), vecFiles) == 0;
+}
+catch (const std::exception &)
+{
+    return false;
+}
+
+// A check of an enabled volume; the caller holds the card gate. Without memory for the list nothing is done, and the
+// volume is checked again.
 static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
 {
     const tagQN_VOLUME_PARAM_S &stVolume = pHandle->astVolume[enVolume];
@@ -144,16 +173,17 @@ static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     const bool bAutoDelete = __atomic_load_n(&stVolume.bAutoDelete, __ATOMIC_SEQ_CST);
 
     std::vector<tagQN_FILE_INFO_S> vecFiles;
-    if (bFolder) // one that is missing or refused is empty
+    if (bFolder && !List(pHandle, enVolume, std::move(folder), vecFiles)) // one that is missing or refused is empty
     {
-        (void)QN_CATALOGUE_ScanOpen(std::move(folder), QN_VOLUME_Path(pHandle, enVolume).c_str(), vecFiles);
+        SetAgain(pHandle, enVolume, UTIL_NowUs() + QUERY_PAUSE_US);
+        return;
     }
     for (const tagQN_FILE_INFO_S &stFile : vecFiles)
     {
         stSum.u64Used += stFile.u64Size;
     }
     QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] quota:%d %s", static_cast<int>(enVolume), bAutoDelete ? 1 : 0,
-                   SumText(stSum).c_str());
+                   SumText(stSum).szText);
 
     pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
     bool bFull = false;
@@ -163,7 +193,7 @@ static void CheckGated(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
         {
             DeleteOldest(pHandle, enVolume, stFolder, vecFiles, stSum);
         }
-        QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).c_str());
+        QN_LOG_INFO_AS(CHECK_FUNC, "Quota[%d] remove finsih %s", static_cast<int>(enVolume), SumText(stSum).szText);
     }
     else if (IsFull(stSum))
     {

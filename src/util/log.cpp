@@ -3,10 +3,9 @@
 #include "util/log.h"
 
 #include <cstdarg>
-#include <memory>
-#include <new>
 
 #include "bu_platform.h"
+#include "util/line.h"
 
 namespace libquarrin
 {
@@ -27,25 +26,12 @@ static const char *LevelTag(QN_LOG_LEVEL_E enLevel)
 
 void QN_LOG_Write(QN_LOG_LEVEL_E enLevel, const char *pszFunc, int32_t s32Line, const char *pszFormat, ...)
 {
-    // Most messages fit the stack; one with a long path takes memory, and is cut when there is none.
-    char szShort[512] = {};
-    std::unique_ptr<char[]> spLong;
+    UTIL_LINE_S stLine;
     va_list args;
     va_start(args, pszFormat);
-    const int32_t s32Len = vsnprintf(szShort, sizeof(szShort), pszFormat, args);
+    const char *pszText = UTIL_LINE_FormatList(stLine, pszFormat, args);
     va_end(args);
-    if (s32Len >= static_cast<int32_t>(sizeof(szShort)))
-    {
-        const size_t bytes = static_cast<size_t>(s32Len) + 1;
-        spLong.reset(new (std::nothrow) char[bytes]);
-        if (spLong != nullptr)
-        {
-            va_start(args, pszFormat);
-            (void)vsnprintf(spLong.get(), bytes, pszFormat, args); // the same text as above, with room for it
-            va_end(args);
-        }
-    }
-    const char *pszText = spLong != nullptr ? spLong.get() : szShort;
+    pszText = pszText != nullptr ? pszText : stLine.szShort; // no memory: a long one is cut
 
     char szPrefix[128];
     (void)snprintf(szPrefix, sizeof(szPrefix), "%s[%d] ", pszFunc, s32Line); // function names are short
