@@ -339,6 +339,8 @@ static void Live(const LIFE_S &stLife, const std::string &strFolder)
     Check(PROCESS_DescriptorCount() == s32Descriptors, "a descriptor is left");
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
 // Who called a function through a null pointer: no backtrace finds out.
 static void *CallerOfNull(const void *pContext)
 {
@@ -382,6 +384,8 @@ static void CatchCrashes()
         (void)sigaction(s32Signal, &stAction, nullptr);
     }
 }
+
+#endif
 
 /// Crashes of other libraries without memory. The library cannot keep them from it: its own calls are right.
 struct CRASH_RULE_S

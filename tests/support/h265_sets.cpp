@@ -10,7 +10,7 @@ public:
     {
         for (uint32_t i = u32Bits; i > 0; --i)
         {
-            m_vecBits.push_back((u64Value >> (i - 1) & 1) != 0);
+            m_vecBits.push_back(i <= 64 && (u64Value >> (i - 1) & 1) != 0); // a longer field begins with zeros
         }
     }
     void Ue(uint32_t u32Value)
