@@ -31,7 +31,7 @@ static bool ReadAll(const std::string &strPath, std::vector<uint8_t> &vecBytes)
     }
     vecBytes.resize(static_cast<size_t>(sBytes));
     file.seekg(0);
-    file.read(reinterpret_cast<char *>(vecBytes.data()), sBytes);
+    file.read(reinterpret_cast<char *>(vecBytes.data()), static_cast<std::streamsize>(sBytes));
     return file.good();
 }
 
