@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "memory/life.h"
+#include "support/wait.h"
 #ifdef QUARRIN_TEST_FAULTS
 #include "card/sim/faults.h"
 #endif
@@ -79,7 +80,7 @@ protected:
     static int64_t Most()
     {
         const char *pszPoints = getenv("QUARRIN_ALLOCATIONS");
-        return pszPoints != nullptr ? atoll(pszPoints) : 120;
+        return pszPoints != nullptr ? atoll(pszPoints) : 120 / TEST_SLOW;
     }
 
     static int64_t Seed()
