@@ -1,15 +1,15 @@
 // The event thread: takes events out of the ring, one at a time and in order, and calls their handlers.
 // Threads: the event thread; start and stop on the owner's. Locks: mutexEvent, never while a handler runs.
 
-#include "core/event_queue.h"
+#include "ring/event_queue.h"
 
 #include <cerrno>
 #include <utility>
 
 #include <sys/time.h>
 
-#include "core/handle_private.h"
 #include "libquarrin/quota.h"
+#include "ring/handle_private.h"
 #include "storage/quota_again.h"
 #include "util/line.h"
 #include "util/log.h"
@@ -18,12 +18,6 @@ namespace libquarrin
 {
 
 constexpr long NSEC_PER_USEC = 1000;
-
-const char *QN_DeviceName(const std::string &strDevice)
-{
-    const size_t slash = strDevice.rfind('/');
-    return strDevice.c_str() + (slash == std::string::npos ? 0 : slash + 1);
-}
 
 int32_t QN_EVENT_Init(tagQN_HANDLER_S *pHandle)
 {

@@ -8,10 +8,10 @@
 #include <memory>
 #include <string>
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "libquarrin/events.h"
 #include "libquarrin/storage.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "util/lock.h"
 #include "util/log.h"
 

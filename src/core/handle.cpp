@@ -9,14 +9,14 @@
 #include <memory>
 #include <new>
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "core/storage_state.h"
 #include "libquarrin/hotplug.h"
 #include "libquarrin/quota.h"
 #include "libquarrin/replay.h"
 #include "libquarrin/storage.h"
 #include "record/session.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "util/lock.h"
 #include "util/results.h"
 

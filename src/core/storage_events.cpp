@@ -3,14 +3,14 @@
 
 #include "libquarrin/events.h"
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "core/storage_state.h"
 #include "libquarrin/quota.h"
 #include "libquarrin/replay.h"
 #include "libquarrin/storage.h"
 #include "media/frame_out.h"
 #include "record/split_files.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "storage/card_commands.h"
 #include "storage/quota_again.h"
 #include "util/lock.h"

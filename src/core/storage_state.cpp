@@ -4,10 +4,10 @@
 
 #include "core/storage_state.h"
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "libquarrin/hotplug.h"
 #include "libquarrin/storage.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "storage/card_commands.h"
 #include "util/lock.h"
 #include "util/log.h"

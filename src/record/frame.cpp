@@ -7,12 +7,12 @@
 #include <memory>
 #include <string>
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "media/h265_sps.h"
 #include "record/finish.h"
 #include "record/session.h"
 #include "record/split_files.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"

@@ -9,8 +9,8 @@
 
 #include <time.h>
 
-#include "core/handle_private.h"
 #include "libquarrin/naming.h"
+#include "ring/handle_private.h"
 #include "storage/new_file.h"
 #include "storage/volume_folder.h"
 #include "storage/writing_files.h"

@@ -6,9 +6,9 @@
 
 #include <memory>
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "record/split_files.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
@@ -48,7 +48,7 @@ void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink)
     const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(pSession->enVolumeId);
     if (spVolume != nullptr) // without memory the next frame's check has to do
     {
-        (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume); // always 0
+        QN_EVENT_Push(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume);
     }
     // With nothing held: calls that have begun want stMutex, and the card gate, behind which an unplug may want the list.
     UTIL_CALLS_Wait(pSession->pstPrivate->stCalls);
@@ -100,7 +100,7 @@ uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolum
         pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
         return QN_RET_OK;
     }
-    (void)QN_EVENT_PushEvent(pHandle, QN_EVENT_E_QUOTA_UPDATE, spVolume); // always 0
+    QN_EVENT_Push(pHandle, QN_EVENT_E_QUOTA_UPDATE, spVolume);
     return QN_RET_OK;
 }
 

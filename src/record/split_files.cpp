@@ -2,9 +2,9 @@
 
 #include "record/split_files.h"
 
-#include "core/handle_private.h"
 #include "libquarrin/events.h"
 #include "record/finish.h"
+#include "ring/handle_private.h"
 #include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/results.h"

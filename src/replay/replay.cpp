@@ -13,9 +13,9 @@
 
 #include <unistd.h>
 
-#include "core/handle_private.h"
 #include "libquarrin/naming.h"
 #include "media/frame_out.h"
+#include "ring/handle_private.h"
 #include "storage/scan_folder.h"
 #include "storage/volume_folder.h"
 #include "util/lock.h"

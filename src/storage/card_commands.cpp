@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <ctime>
 
-#include "core/handle_private.h"
 #include "libquarrin/storage.h"
+#include "ring/handle_private.h"
 #include "storage/volume_folder.h"
 #include "util/lock.h"
 #include "util/pause.h"

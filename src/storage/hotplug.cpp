@@ -17,9 +17,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "core/event_queue.h"
-#include "core/handle_private.h"
 #include "libquarrin/storage.h"
+#include "ring/event_queue.h"
+#include "ring/handle_private.h"
 #include "util/line.h"
 #include "util/log.h"
 
@@ -135,8 +135,7 @@ static void LookAgain(tagQN_HANDLER_S *pHandle)
     s64LookAtMs = 0;
     if (PresenceChanged(pHandle)) // an event may have told it meanwhile
     {
-        (void)QN_EVENT_PushEvent(pHandle, IsPresent(pHandle) ? QN_EVENT_E_HOTPLUG_IN : QN_EVENT_E_HOTPLUG_OUT,
-                                 nullptr); // always 0
+        QN_EVENT_Push(pHandle, IsPresent(pHandle) ? QN_EVENT_E_HOTPLUG_IN : QN_EVENT_E_HOTPLUG_OUT, nullptr);
     }
 }
 
@@ -175,7 +174,7 @@ static void PostLater(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
     while (nanosleep(&stRest, &stRest) != 0 && errno == EINTR)
     {
     }
-    (void)QN_EVENT_PushEvent(pHandle, enEvent, nullptr); // always 0
+    QN_EVENT_Push(pHandle, enEvent, nullptr);
 }
 
 static void HandleHeader(tagQN_HANDLER_S *pHandle, const char *pszHeader)

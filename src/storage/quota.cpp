@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "core/handle_private.h"
 #include "libquarrin/catalogue.h"
 #include "libquarrin/naming.h"
 #include "libquarrin/storage.h"
+#include "ring/handle_private.h"
 #include "storage/card_commands.h"
 #include "storage/quota_again.h"
 #include "storage/scan_folder.h"

@@ -8,7 +8,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "core/handle_private.h"
+#include "ring/handle_private.h"
 #include "util/lock.h"
 #include "util/log.h"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "core/handle_private.h"
+#include "ring/handle_private.h"
 #include "util/lock.h"
 
 namespace libquarrin

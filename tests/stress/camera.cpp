@@ -3,7 +3,7 @@
 #include "world.h"
 
 #include "chance.h"
-#include "core/handle_private.h"
+#include "ring/handle_private.h"
 #include "slots.h"
 #include "support/streams.h"
 #include "support/wait.h"

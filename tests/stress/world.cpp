@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 
 #include "chance.h"
-#include "core/handle_private.h"
 #include "kernel.h"
+#include "ring/handle_private.h"
 #include "support/process.h"
 #include "support/wait.h"
 #include "watch.h"

@@ -1,18 +1,22 @@
 // The event ring: four slots, any number of producers, one dispatcher.
-// Threads: any. Locks: mutexEvent or mutexFiles, both leaves, one at a time; payloads are released outside them. Not here:
-// what the events do (dispatcher.cpp).
+// Threads: any. Locks: mutexEvent, a leaf; payloads are released outside it. Not here: what the events do
+// (core/dispatcher.cpp).
 
-#include "core/event_queue.h"
+#include "ring/event_queue.h"
 
 #include <exception>
 #include <utility>
 
-#include "core/handle_private.h"
-#include "record/split_files.h"
-#include "util/results.h"
+#include "ring/handle_private.h"
 
 namespace libquarrin
 {
+
+const char *QN_DeviceName(const std::string &strDevice)
+{
+    const size_t slash = strDevice.rfind('/');
+    return strDevice.c_str() + (slash == std::string::npos ? 0 : slash + 1);
+}
 
 std::shared_ptr<void> QN_EVENT_MakeVolume(QN_VOLUME_ID_E enVolume)
 try
@@ -219,21 +223,9 @@ void QN_EVENT_WaitForProducers(tagQN_HANDLER_S *pHandle)
     }
 }
 
-int32_t QN_EVENT_PushEvent(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, std::shared_ptr<void> spPayload)
-try
+void QN_EVENT_Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload)
 {
-    if (enEvent == QN_EVENT_E_RECORD_AUTO_SPLIT && spPayload != nullptr)
-    {
-        // A host's own; the session may go before the event is taken out.
-        QN_SPLIT_NODE lstNode(1, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
-        QN_SPLIT_Add(pHandle, lstNode);
-    }
     Push(pHandle, enEvent, spPayload, nullptr);
-    return 0;
-}
-catch (const std::exception &)
-{
-    return static_cast<int32_t>(QN_RET_NO_MEMORY); // nothing was posted
 }
 
 void QN_EVENT_PushUnlocking(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload,

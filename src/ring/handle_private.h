@@ -3,8 +3,8 @@
 // Lock order, outermost first: mutexState; rwCard; a list's mutex; a session's stMutex; its mutexWriter; mutexFiles,
 // mutexEvent or a mutexCalls, all leaves. Nothing of it is held while a caller waits for room in the event ring, or a
 // destroy for the calls on its session.
-#ifndef QUARRIN_CORE_HANDLE_PRIVATE_H
-#define QUARRIN_CORE_HANDLE_PRIVATE_H
+#ifndef QUARRIN_RING_HANDLE_PRIVATE_H
+#define QUARRIN_RING_HANDLE_PRIVATE_H
 
 #include <atomic>
 #include <list>

@@ -1,6 +1,6 @@
 // The event ring as the rest of the library uses it. See libquarrin/events.h for the exported calls.
-#ifndef QUARRIN_CORE_EVENT_QUEUE_H
-#define QUARRIN_CORE_EVENT_QUEUE_H
+#ifndef QUARRIN_RING_EVENT_QUEUE_H
+#define QUARRIN_RING_EVENT_QUEUE_H
 
 #include "libquarrin/events.h"
 #include "util/lock.h"
@@ -51,6 +51,11 @@ void QN_EVENT_WaitForProducers(tagQN_HANDLER_S *pHandle);
 
 /// From now on posts are dropped, those that wait for room too.
 void QN_EVENT_ShutDown(tagQN_HANDLER_S *pHandle);
+
+/// Posts, and waits for room where there is none. QN_EVENT_PushEvent, which hosts call, notes a split-off file as well.
+///
+/// Threads: any. Locks: mutexEvent, a leaf. Call it holding no lock that a handler takes.
+void QN_EVENT_Push(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, const std::shared_ptr<void> &spPayload);
 
 /// Posts under a lock while there is room. A full ring lets go of the lock first: the handler that would make room may
 /// want it.
