@@ -327,6 +327,7 @@ static int Usage()
 
 int main(int argc, char **argv)
 {
+    LimitMemory();
     uint32_t split = 60;
     bool keep = false;
     for (int i = 4; i < argc; i++)

@@ -1,11 +1,15 @@
 #include <libquarrin.h>
 #include <quarrin_platform.h>
 #include <unistd.h>
+extern "C" {
+#include <libavutil/mem.h>
+}
 using namespace libquarrin;
 
 // host DEVICE MOUNTPOINT CLIP.ts: records the video of a clip again; the clip stands for the camera.
 int main(int argc, char **argv)
 {
+    av_max_alloc(256 << 20); // FFmpeg takes no more at once, whatever a file speaks of
     if (argc != 4 || QN_PLATFORM_RemoveLeftover(argv[1], argv[2]) != 0) return 2; // what a power cut left behind
     tagQN_STORAGE_PARAM_S storage = {argv[1], 1, argv[2], {{1, "rec", 1, 0, 90, 0, true, 0}, {}, {}}};
     tagQN_HANDLER_S *card = nullptr;

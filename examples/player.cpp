@@ -330,6 +330,7 @@ static int RunCommand(tagQN_HANDLER_S *card, const Options &options, int standar
 
 int main(int argc, char **argv)
 {
+    LimitMemory();
     // The catalogue reads the UTC times of the names as local ones: local time is UTC here.
     setenv("TZ", "UTC0", 1);
     tzset();

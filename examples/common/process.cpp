@@ -12,7 +12,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+extern "C"
+{
+#include <libavutil/mem.h>
+}
+
+constexpr size_t MOST_AT_ONCE = 256 << 20;
+
 static int g_output = -1; // set once, before there are threads
+
+void LimitMemory()
+{
+    av_max_alloc(MOST_AT_ONCE);
+}
 
 int TakeStandardOutput()
 {

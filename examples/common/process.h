@@ -1,9 +1,13 @@
-// What a host settles for its process before the first thread exists: standard output and signals.
+// What a host settles for its process before the first thread exists: memory, standard output and signals.
 #ifndef EXAMPLES_PROCESS_H
 #define EXAMPLES_PROCESS_H
 
 #include <chrono>
 #include <cstddef>
+
+/// Lets FFmpeg take 256 MB at once and no more, in the whole process: a file on a card from a stranger may speak of
+/// anything. The index of a day of sound has 100 MB.
+void LimitMemory();
 
 /// Takes standard output for the program's own words: the library prints its messages there as well as to
 /// UTIL_LOG_Print, and from now on the former go nowhere. The descriptor to write to; -1 on failure.

@@ -100,6 +100,7 @@ static int Record(tagQN_HANDLER_S *card, Clip &clip)
 
 int main(int argc, char **argv)
 {
+    LimitMemory();
     if (argc != 4)
     {
         fputs("usage: own_layer DEVICE MOUNTPOINT CLIP\n", stderr);

@@ -84,7 +84,8 @@ compiles_with_pkg_config()
 {
     link="-Wl,-rpath-link,$tree/usr/lib/$triplet -Wl,-rpath-link,$tree/lib/$triplet"
     readme_compile | sed "s|^g++|$compiler --sysroot=$tree $link|" >"$place/compile"
-    (cd "$place/cmake" && PKG_CONFIG_PATH=$prefix/lib/$triplet/pkgconfig sh -eu "$place/compile")
+    (cd "$place/cmake" && PKG_CONFIG_LIBDIR=$prefix/lib/$triplet/pkgconfig:$tree/usr/lib/$triplet/pkgconfig \
+        sh -eu "$place/compile")
 }
 
 records_a_clip()

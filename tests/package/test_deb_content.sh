@@ -34,7 +34,7 @@ dependencies_are_right()
     for library in libavformat libavcodec libavutil libsdl2-2 libsdl2-image libstdc++ libc6; do
         sed -n 1,4p "$place/control" | grep -q "^Depends:.*$library" || return 1
     done
-    sed -n 5,8p "$place/control" | grep -qx "Depends: libquarrin1 (= $version)" &&
+    sed -n 5,8p "$place/control" | grep -qx "Depends: libquarrin1 (= $version), libavutil-dev (>= 7:5.1)" &&
         sed -n 9,12p "$place/control" | grep -q "^Depends:.* libquarrin1 (>= ${version%-*})"
 }
 

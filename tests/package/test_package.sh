@@ -56,6 +56,22 @@ tells_usage()
     ends_with 2 "$work/examples/$1" 2>"$work/said" && grep -q "^usage: $1 DEVICE MOUNTPOINT" "$work/said"
 }
 
+# limits_memory EXAMPLE: it tells FFmpeg how much it may take at once before it does anything else.
+limits_memory()
+{
+    # shellcheck disable=SC2086 # the emulator has arguments
+    LD_PRELOAD=$work/noted.so $emulator "$work/examples/$1" 2>&1 | grep -x "av_max_alloc $((256 << 20))"
+}
+
+notes_the_limit()
+{
+    printf '%s\n' '#include <stddef.h>' '#include <stdio.h>' \
+        'extern "C" void av_max_alloc(size_t n) { fprintf(stderr, "av_max_alloc %lu\n", static_cast<unsigned long>(n)); }' \
+        >"$work/noted.cpp"
+    # shellcheck disable=SC2086 # flags are words
+    "$compiler" -shared -fPIC "$work/noted.cpp" -o "$work/noted.so" $link
+}
+
 installed()
 {
     for name in include/libquarrin.h include/bu_platform.h include/util_thread/util_thread.h \
@@ -183,6 +199,10 @@ for example in camera player own_layer; do
     check "$example runs and tells its usage" tells_usage "$example"
 done
 check "host runs" ends_with 2 "$work/examples/host"
+check "a library that notes FFmpeg's limit builds" notes_the_limit
+for example in host camera player own_layer; do
+    check "$example limits what FFmpeg takes at once" limits_memory "$example"
+done
 
 "$here/test_find.sh" "$prefix" "$source" || failures=$((failures + 1))
 
