@@ -50,16 +50,16 @@ static bool IsVolume(QN_VOLUME_ID_E enVolume)
 int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
 {
     QN_CARD_CommandBegin(pHandle); // a host may unmount at once after it mounted
-    // A card that is unmounted already gets none: they would make its directory again, which the next start takes for a
-    // mounted card. Asked before each, since an unmount gives up a command that hangs.
-    for (int32_t i = 0; i < QN_VOLUME_COUNT && !QN_CARD_IsUnmounted(pHandle); ++i)
+    for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
     {
         if (pHandle->astVolume[i].bEnable == 0)
         {
             continue;
         }
         const auto enVolume = static_cast<QN_VOLUME_ID_E>(i);
-        if (QN_VOLUME_MayBeMade(pHandle, enVolume))
+        // A card that is unmounted already gets none: they would make its directory again, which the next start takes for
+        // a mounted card. Asked before each, since an unmount gives up a command that hangs.
+        if (!QN_CARD_IsUnmounted(pHandle) && QN_VOLUME_MayBeMade(pHandle, enVolume))
         {
             UTIL_LINE_S stLine;
             const char *pszLine = UTIL_LINE_Format(stLine, "mkdir -p %s/%s", pHandle->pszMountPoint.c_str(),

@@ -273,6 +273,10 @@ void MODEL_Step(MODEL_S &stModel)
         break;
     case QN_EVENT_E_MOUNT_DONE:
         stModel.bStale = true;
+        if (stModel.bFull && stModel.bMounted)
+        {
+            CheckQuota(stModel); // every volume's, the first one's last
+        }
         break;
     case QN_EVENT_E_RECORD_AUTO_SPLIT:
         FinishSplit(stModel, *stEvent.spSplit);

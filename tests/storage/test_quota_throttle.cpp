@@ -124,6 +124,15 @@ TEST_F(QuotaThrottle, NewMountLetsTheNextCallThrough)
     EXPECT_EQ(98, m_pHandle->as32QuotaCountdown[0]);
 }
 
+TEST_F(QuotaThrottle, TheEndOfAMountBehindAnUnmountLetsTheNextCallThroughToo)
+{
+    EXPECT_EQ(0u, QN_StorageUnMount(m_pHandle));
+    Set(100, time(nullptr));
+    EXPECT_EQ(0, QN_STORAGE_QuotaInit(m_pHandle));
+    EXPECT_EQ(0, Throttled());
+    EXPECT_EQ(1, Checks());
+}
+
 TEST_F(QuotaThrottle, VolumesAreThrottledApart)
 {
     Set(100, time(nullptr), 0);
