@@ -5,7 +5,6 @@
 
 #include "media/demuxer.h"
 
-#include <array>
 #include <cerrno>
 #include <new>
 
@@ -18,6 +17,7 @@ extern "C"
 #include "media/error_text.h"
 #include "media/file_check.h"
 #include "media/frame_out.h"
+#include "media/stream_info.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -32,10 +32,6 @@ constexpr int32_t FFREAD_RET_MEMORY = 10; ///< no memory for a packet
 
 // What a recording of this library holds, and MP3, which the reader picks too. No other decoder sees a byte.
 constexpr const char *CODECS = "h264,hevc,aac,mp3,mp3float";
-// A file may speak of a thousand streams, each with tables and a decoder of its own; a recording has two.
-constexpr int32_t MAX_STREAMS = 16;
-// The largest picture of any level of H.264 and H.265: a few bytes may speak of a larger one.
-constexpr const char *MAX_PIXELS = "35651584";
 
 // Serves the half-open reader too.
 static void FreeReader(tagFFREAD_HANDLER_S *pReader)
@@ -49,25 +45,8 @@ static void FreeReader(tagFFREAD_HANDLER_S *pReader)
 static bool SetLimits(AVFormatContext *pContext)
 {
     pContext->codec_whitelist = av_strdup(CODECS); // the context frees it
-    pContext->max_streams = MAX_STREAMS;
+    pContext->max_streams = FFREAD_MAX_STREAMS;
     return pContext->codec_whitelist != nullptr;
-}
-
-// Streams that are found only now have no limit of pixels.
-static int FindStreamInfo(AVFormatContext *pContext)
-{
-    const uint32_t u32Streams = pContext->nb_streams;
-    std::array<AVDictionary *, MAX_STREAMS> apOptions = {};
-    for (uint32_t i = 0; i < u32Streams && i < MAX_STREAMS; ++i)
-    {
-        (void)av_dict_set(&apOptions[i], "max_pixels", MAX_PIXELS, 0); // without memory the decoder has its own limit
-    }
-    const int s32Ret = avformat_find_stream_info(pContext, u32Streams > 0 ? apOptions.data() : nullptr);
-    for (AVDictionary *&pOptions : apOptions)
-    {
-        av_dict_free(&pOptions);
-    }
-    return s32Ret;
 }
 
 // FFmpeg frees the context and clears the pointer when avformat_open_input fails.
@@ -98,7 +77,7 @@ static bool OpenFile(tagFFREAD_HANDLER_S *pReader, const char *pszPath, QN_FILE_
         QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_open_input failed: %s", QN_FF_ErrorText(s32Ret).szText);
         return false;
     }
-    s32Ret = FindStreamInfo(pReader->pFormatCtx);
+    s32Ret = FFREAD_FindStreamInfo(pReader->pFormatCtx);
     if (s32Ret < 0)
     {
         QN_LOG_ERROR_AS("FFMUXER_ReadOpen", "avformat_find_stream_info failed: %s", QN_FF_ErrorText(s32Ret).szText);

@@ -1,5 +1,5 @@
-// A look at a media file of a stranger before FFmpeg opens it: MP4 and MOV (ISO/IEC 14496-12), Matroska (RFC 9559).
-// Threads: any. Locks: none. Not here: damage that FFmpeg answers quickly.
+// A look at a media file of a stranger before FFmpeg opens it: MP4 and MOV (ISO/IEC 14496-12).
+// Threads: any. Locks: none. Not here: Matroska (mkv_check.cpp), damage that FFmpeg answers quickly.
 
 #include "media/file_check.h"
 
@@ -9,6 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "media/file_bytes.h"
+#include "media/mkv_check.h"
+
 namespace libquarrin
 {
 
@@ -17,17 +20,13 @@ static constexpr int32_t MAX_DEPTH = 10;    // FFmpeg goes no deeper
 static constexpr uint64_t SPARE_SAMPLES = 65536;
 static constexpr uint64_t BYTES_PER_SEGMENT = 1024;
 static constexpr uint64_t SPARE_SEGMENTS = 64;
-static constexpr uint64_t MAX_TAG_BYTES = 65536; // FFmpeg compares each tag with all before it
-static constexpr uint32_t MAX_LEVEL1 = 4096;     // elements before the first cluster
 
 /// The file, and what it has promised so far.
 struct tagFILE_S
 {
-    int32_t s32Fd;
-    uint64_t u64Size;
-    uint64_t u64Samples;  ///< of all tracks and fragments
-    uint64_t u64Segments; ///< of all segment indexes
-    uint64_t u64TagBytes;
+    tagFILE_BYTES_S stBytes;
+    uint64_t u64Samples = 0;  ///< of all tracks and fragments
+    uint64_t u64Segments = 0; ///< of all segment indexes
 };
 
 /// A box without its header.
@@ -54,46 +53,25 @@ static constexpr uint32_t Type(const char (&szName)[5])
            static_cast<uint32_t>(szName[2]) << 8 | static_cast<uint32_t>(szName[3]);
 }
 
-// A number of at most eight bytes; 0 behind the end of the file.
-static uint64_t Number(const tagFILE_S &stFile, uint64_t u64At, uint32_t u32Bytes)
-{
-    uint8_t au8Bytes[8] = {};
-    if (u64At > stFile.u64Size || pread(stFile.s32Fd, au8Bytes, u32Bytes, static_cast<off_t>(u64At)) < 0)
-    {
-        return 0;
-    }
-    uint64_t u64Value = 0;
-    for (uint32_t i = 0; i < u32Bytes; ++i)
-    {
-        u64Value = u64Value << 8 | au8Bytes[i];
-    }
-    return u64Value;
-}
-
-static uint32_t Word(const tagFILE_S &stFile, uint64_t u64At)
-{
-    return static_cast<uint32_t>(Number(stFile, u64At, 4));
-}
-
 // One for each byte, and some for a file that was cut.
-static uint64_t MaxSamples(const tagFILE_S &stFile)
+static uint64_t MaxSamples(tagFILE_S &stFile)
 {
-    return stFile.u64Size + SPARE_SAMPLES;
+    return stFile.stBytes.u64Size + SPARE_SAMPLES;
 }
 
 // The box at a place; false: there is none, or FFmpeg would not read on either.
-static bool ReadBox(const tagFILE_S &stFile, uint64_t u64At, uint64_t u64End, tagBOX_S &stBox)
+static bool ReadBox(tagFILE_S &stFile, uint64_t u64At, uint64_t u64End, tagBOX_S &stBox)
 {
     if (u64At > u64End || u64End - u64At < 8)
     {
         return false;
     }
-    uint64_t u64Bytes = Word(stFile, u64At);
-    stBox.u32Type = Word(stFile, u64At + 4);
+    uint64_t u64Bytes = FILEBYTES_Word(stFile.stBytes, u64At);
+    stBox.u32Type = FILEBYTES_Word(stFile.stBytes, u64At + 4);
     stBox.u64Begin = u64At + 8;
     if (u64Bytes == 1) // a longer number follows
     {
-        u64Bytes = Number(stFile, u64At + 8, 8);
+        u64Bytes = FILEBYTES_Number(stFile.stBytes, u64At + 8, 8);
         stBox.u64Begin = u64At + 16;
     }
     if (u64Bytes == 0) // as far as there is anything
@@ -109,29 +87,29 @@ static bool ReadBox(const tagFILE_S &stFile, uint64_t u64At, uint64_t u64End, ta
 }
 
 // The number at an offset, of entries that follow it; false: they do not fit.
-static bool ReadCount(const tagFILE_S &stFile, const tagBOX_S &stBox, uint32_t u32Offset, uint64_t u64EntryBytes,
+static bool ReadCount(tagFILE_S &stFile, const tagBOX_S &stBox, uint32_t u32Offset, uint64_t u64EntryBytes,
                       uint64_t &u64Count)
 {
-    u64Count = Word(stFile, stBox.u64Begin + u32Offset);
+    u64Count = FILEBYTES_Word(stFile.stBytes, stBox.u64Begin + u32Offset);
     const uint64_t u64Bytes = stBox.u64End - stBox.u64Begin;
     return u64Count == 0 || (u64Bytes >= u32Offset + 4 && u64Count * u64EntryBytes <= u64Bytes - u32Offset - 4);
 }
 
-static bool TakeSizes(const tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S &stTrack)
+static bool TakeSizes(tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S &stTrack)
 {
-    const uint64_t u64Each = Word(stFile, stBox.u64Begin + 4);
+    const uint64_t u64Each = FILEBYTES_Word(stFile.stBytes, stBox.u64Begin + 4);
     return ReadCount(stFile, stBox, 8, u64Each == 0 ? 4 : 0, stTrack.u64Samples);
 }
 
-static bool TakeCompactSizes(const tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S &stTrack)
+static bool TakeCompactSizes(tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S &stTrack)
 {
-    const uint64_t u64Bits = Word(stFile, stBox.u64Begin + 4) & UINT8_MAX; // 4, 8 or 16
+    const uint64_t u64Bits = FILEBYTES_Word(stFile.stBytes, stBox.u64Begin + 4) & UINT8_MAX; // 4, 8 or 16
     return ReadCount(stFile, stBox, 8, 0, stTrack.u64Samples) &&
            stTrack.u64Samples * u64Bits / 8 <= stBox.u64End - stBox.u64Begin;
 }
 
 // Table boxes of a track. False: more than the file can hold.
-static bool TakeTable(const tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S &stTrack)
+static bool TakeTable(tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S &stTrack)
 {
     uint64_t u64Count = 0;
     switch (stBox.u32Type)
@@ -162,17 +140,17 @@ static bool TakeTable(const tagFILE_S &stFile, const tagBOX_S &stBox, tagTRACK_S
 }
 
 // Runs of chunks with as many samples each: a first chunk, samples for each, a description.
-static uint64_t CountChunkSamples(const tagFILE_S &stFile, const tagTRACK_S &stTrack)
+static uint64_t CountChunkSamples(tagFILE_S &stFile, const tagTRACK_S &stTrack)
 {
     const tagBOX_S &stBox = stTrack.stChunkRuns;
-    const uint64_t u64Runs = stBox.u32Type != 0 ? Word(stFile, stBox.u64Begin + 4) : 0;
+    const uint64_t u64Runs = stBox.u32Type != 0 ? FILEBYTES_Word(stFile.stBytes, stBox.u64Begin + 4) : 0;
     uint64_t u64Samples = 0;
-    for (uint64_t i = 0; i < u64Runs && u64Samples <= stFile.u64Size; ++i)
+    for (uint64_t i = 0; i < u64Runs && u64Samples <= stFile.stBytes.u64Size; ++i)
     {
         const uint64_t u64At = stBox.u64Begin + 8 + i * 12;
-        const uint64_t u64First = Word(stFile, u64At);
-        const uint64_t u64Next = i + 1 < u64Runs ? Word(stFile, u64At + 12) : stTrack.u64Chunks + 1;
-        u64Samples += u64Next > u64First ? (u64Next - u64First) * Word(stFile, u64At + 4) : 0;
+        const uint64_t u64First = FILEBYTES_Word(stFile.stBytes, u64At);
+        const uint64_t u64Next = i + 1 < u64Runs ? FILEBYTES_Word(stFile.stBytes, u64At + 12) : stTrack.u64Chunks + 1;
+        u64Samples += u64Next > u64First ? (u64Next - u64First) * FILEBYTES_Word(stFile.stBytes, u64At + 4) : 0;
     }
     return u64Samples;
 }
@@ -180,7 +158,7 @@ static uint64_t CountChunkSamples(const tagFILE_S &stFile, const tagTRACK_S &stT
 // A run of samples in a fragment.
 static bool TakeRun(tagFILE_S &stFile, const tagBOX_S &stBox)
 {
-    const uint32_t u32Flags = Word(stFile, stBox.u64Begin);
+    const uint32_t u32Flags = FILEBYTES_Word(stFile.stBytes, stBox.u64Begin);
     uint64_t u64EntryBytes = 0;
     for (const uint32_t u32Field : {0x100u, 0x200u, 0x400u, 0x800u}) // duration, size, flags, composition time
     {
@@ -194,9 +172,9 @@ static bool TakeRun(tagFILE_S &stFile, const tagBOX_S &stBox)
 
 static bool TakeSegments(tagFILE_S &stFile, const tagBOX_S &stBox)
 {
-    const uint32_t u32Version = Word(stFile, stBox.u64Begin) >> 24;
-    stFile.u64Segments += Word(stFile, stBox.u64Begin + (u32Version == 0 ? 20 : 28)) & UINT16_MAX;
-    return stFile.u64Segments <= SPARE_SEGMENTS + stFile.u64Size / BYTES_PER_SEGMENT;
+    const uint32_t u32Version = FILEBYTES_Word(stFile.stBytes, stBox.u64Begin) >> 24;
+    stFile.u64Segments += FILEBYTES_Word(stFile.stBytes, stBox.u64Begin + (u32Version == 0 ? 20 : 28)) & UINT16_MAX;
+    return stFile.u64Segments <= SPARE_SEGMENTS + stFile.stBytes.u64Size / BYTES_PER_SEGMENT;
 }
 
 static bool HasBoxes(uint32_t u32Type)
@@ -241,10 +219,10 @@ static bool TakeBox(tagFILE_S &stFile, tagBOX_S stBox, tagTRACK_S &stTrack, uint
     case Type("trun"):
         return TakeRun(stFile, stBox);
     case Type("keys"):
-        return Word(stFile, stBox.u64Begin + 4) <= MAX_BOXES;
+        return FILEBYTES_Word(stFile.stBytes, stBox.u64Begin + 4) <= MAX_BOXES;
     case Type("meta"):
         // QuickTime's has no word before its boxes.
-        stBox.u64Begin += Word(stFile, stBox.u64Begin) == 0 ? 4 : 0;
+        stBox.u64Begin += FILEBYTES_Word(stFile.stBytes, stBox.u64Begin) == 0 ? 4 : 0;
         return WalkBoxes(stFile, stBox, stTrack, u32Boxes, s32Depth);
     default:
         return HasBoxes(stBox.u32Type) ? WalkBoxes(stFile, stBox, stTrack, u32Boxes, s32Depth)
@@ -269,7 +247,7 @@ static bool WalkBoxes(tagFILE_S &stFile, tagBOX_S stParent, tagTRACK_S &stTrack,
 static bool IsModestMp4(tagFILE_S &stFile)
 {
     tagBOX_S stBox = {};
-    for (uint64_t u64At = 0; ReadBox(stFile, u64At, stFile.u64Size, stBox); u64At = stBox.u64End)
+    for (uint64_t u64At = 0; ReadBox(stFile, u64At, stFile.stBytes.u64Size, stBox); u64At = stBox.u64End)
     {
         uint32_t u32Boxes = 0;
         tagTRACK_S stNone = {};
@@ -284,119 +262,23 @@ static bool IsModestMp4(tagFILE_S &stFile)
     return true;
 }
 
-// An element's id, or its size; the id keeps the bits that tell its length. 0 bytes: there is none.
-static uint32_t ReadVint(const tagFILE_S &stFile, uint64_t u64At, bool bId, uint64_t &u64Value)
-{
-    const uint32_t u32First = static_cast<uint32_t>(Number(stFile, u64At, 1));
-    uint32_t u32Bytes = 1;
-    while (u32Bytes < 9 && (u32First & 0x100u >> u32Bytes) == 0)
-    {
-        ++u32Bytes;
-    }
-    if (u64At >= stFile.u64Size || u32Bytes > (bId ? 4u : 8u))
-    {
-        return 0;
-    }
-    u64Value = Number(stFile, u64At, u32Bytes);
-    u64Value &= bId ? UINT64_MAX : (uint64_t{1} << 7 * u32Bytes) - 1;
-    return u32Bytes;
-}
-
-/// An element of Matroska; its size may be unknown, all ones, and ends then with the file.
-static bool ReadElement(const tagFILE_S &stFile, uint64_t u64At, uint64_t u64End, tagBOX_S &stBox)
-{
-    uint64_t u64Id = 0;
-    uint64_t u64Size = 0;
-    const uint32_t u32Id = ReadVint(stFile, u64At, true, u64Id);
-    const uint32_t u32Size = u32Id != 0 ? ReadVint(stFile, u64At + u32Id, false, u64Size) : 0;
-    stBox.u32Type = static_cast<uint32_t>(u64Id);
-    stBox.u64Begin = u64At + u32Id + u32Size;
-    stBox.u64End = u64End >= stBox.u64Begin && u64Size <= u64End - stBox.u64Begin ? stBox.u64Begin + u64Size : u64End;
-    return u32Size != 0 && stBox.u64Begin <= u64End;
-}
-
-constexpr uint32_t MKV_SEGMENT = 0x18538067;
-constexpr uint32_t MKV_CLUSTER = 0x1f43b675;
-constexpr uint32_t MKV_SEEK_HEAD = 0x114d9b74;
-constexpr uint32_t MKV_SEEK_POSITION = 0x53ac;
-constexpr uint32_t MKV_TAGS = 0x1254c367;
-constexpr uint32_t MKV_CHAPTERS = 0x1043a770;
-
-static bool TakeElement(tagFILE_S &stFile, const tagBOX_S &stBox)
-{
-    if (stBox.u32Type == MKV_TAGS || stBox.u32Type == MKV_CHAPTERS)
-    {
-        stFile.u64TagBytes += stBox.u64End - stBox.u64Begin;
-    }
-    return stFile.u64TagBytes <= MAX_TAG_BYTES;
-}
-
-// What stands behind the clusters is found by its position.
-static bool FollowSeekHead(tagFILE_S &stFile, const tagBOX_S &stHead, const tagBOX_S &stSegment)
-{
-    tagBOX_S stSeek = {};
-    uint32_t u32Seeks = 0;
-    for (uint64_t u64At = stHead.u64Begin; u64At < stHead.u64End && ReadElement(stFile, u64At, stHead.u64End, stSeek);
-         u64At = stSeek.u64End)
-    {
-        tagBOX_S stPart = {};
-        for (uint64_t u64Part = stSeek.u64Begin;
-             u64Part < stSeek.u64End && ReadElement(stFile, u64Part, stSeek.u64End, stPart); u64Part = stPart.u64End)
-        {
-            const uint32_t u32Bytes = static_cast<uint32_t>(std::min<uint64_t>(stPart.u64End - stPart.u64Begin, 8));
-            tagBOX_S stFound = {};
-            if (++u32Seeks > MAX_LEVEL1 ||
-                (stPart.u32Type == MKV_SEEK_POSITION &&
-                 ReadElement(stFile, stSegment.u64Begin + Number(stFile, stPart.u64Begin, u32Bytes), stSegment.u64End,
-                             stFound) &&
-                 !TakeElement(stFile, stFound)))
-            {
-                return false;
-            }
-        }
-    }
-    return true;
-}
-
-static bool IsModestMatroska(tagFILE_S &stFile)
-{
-    tagBOX_S stSegment = {};
-    uint64_t u64At = 0;
-    while (ReadElement(stFile, u64At, stFile.u64Size, stSegment) && stSegment.u32Type != MKV_SEGMENT)
-    {
-        u64At = stSegment.u64End;
-    }
-    tagBOX_S stBox = {};
-    uint32_t u32Elements = 0;
-    for (u64At = stSegment.u64Begin;
-         stSegment.u32Type == MKV_SEGMENT && ReadElement(stFile, u64At, stSegment.u64End, stBox) &&
-         stBox.u32Type != MKV_CLUSTER;
-         u64At = stBox.u64End)
-    {
-        if (++u32Elements > MAX_LEVEL1 || !TakeElement(stFile, stBox) ||
-            (stBox.u32Type == MKV_SEEK_HEAD && !FollowSeekHead(stFile, stBox, stSegment)))
-        {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool FFREAD_IsModest(const char *pszPath, QN_FILE_FMT_E enFormat)
 {
-    const int32_t s32Fd = open(pszPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    tagFILE_S stFile;
+    tagFILE_BYTES_S &stBytes = stFile.stBytes;
+    stBytes.s32Fd = open(pszPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat stStat = {};
     bool bModest = true;
-    if (s32Fd >= 0 && fstat(s32Fd, &stStat) == 0 && S_ISREG(stStat.st_mode))
+    if (stBytes.s32Fd >= 0 && fstat(stBytes.s32Fd, &stStat) == 0 && S_ISREG(stStat.st_mode))
     {
-        tagFILE_S stFile = {s32Fd, static_cast<uint64_t>(stStat.st_size), 0, 0, 0};
+        stBytes.u64Size = static_cast<uint64_t>(stStat.st_size);
         const bool bMp4 = enFormat == QN_FILE_FMT_E_MP4 || enFormat == QN_FILE_FMT_E_MOV;
         const bool bOther = enFormat == QN_FILE_FMT_E_TS || enFormat == QN_FILE_FMT_E_AAC;
-        bModest = bMp4 ? IsModestMp4(stFile) : bOther || IsModestMatroska(stFile);
+        bModest = bMp4 ? IsModestMp4(stFile) : bOther || FFREAD_IsModestMatroska(stBytes);
     }
-    if (s32Fd >= 0)
+    if (stBytes.s32Fd >= 0)
     {
-        close(s32Fd);
+        close(stBytes.s32Fd);
     }
     return bModest;
 }
