@@ -7,6 +7,7 @@
 #include "libquarrin/record.h"
 #include "storage/card_commands.h"
 #include "storage/new_file.h"
+#include "storage/volume_folder.h"
 #include "util/log.h"
 #include "util/results.h"
 
@@ -30,8 +31,13 @@ static std::string Quoted(const std::string &strName)
     return strQuoted;
 }
 
-static uint32_t Move(const std::string &strCommand, const std::string &strTarget)
+static uint32_t Move(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const std::string &strCommand,
+                     const std::string &strTarget)
 {
+    if (QN_VOLUME_LookAtFolder(pHandle, enVolume) == QN_VOLUME_FOLDER_E_REFUSED)
+    {
+        return QN_RET_OPEN; // said once a mount; mv would move a file of the host
+    }
     if (!QN_NEWFILE_IsFreeOrFile(strTarget.c_str()))
     {
         // mv would move the file into the folder that stands there, or that a link leads to.
@@ -75,7 +81,7 @@ try
         strCommand.resize(COMMAND_BYTES);
     }
     QN_CARD_CommandBegin(pHandle);
-    const uint32_t u32Result = Move(strCommand, strTarget);
+    const uint32_t u32Result = Move(pHandle, enVolume, strCommand, strTarget);
     QN_CARD_CommandEnd(pHandle);
     return u32Result;
 }

@@ -174,3 +174,31 @@ TEST_F(ErrorFile, IsNotMovedIntoAFolderOrThroughALink)
     EXPECT_EQ(0u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, "clip.mkv"));
     EXPECT_EQ(Line("clip.mkv", "clip"), LastCommand());
 }
+
+TEST_F(ErrorFile, StaysWhereAVolumesFolderIsALink)
+{
+    const std::string strHost = m_dir.strPath + "/host";
+    ASSERT_EQ(0, mkdir(strHost.c_str(), 0755));
+    const std::string strFile = TEST_Touch(strHost + "/a.mkv", "the host's");
+    ASSERT_EQ(0, rmdir(Folder(0).c_str()));
+    ASSERT_EQ(0, symlink(strHost.c_str(), Folder(0).c_str()));
+    FAKE_PLATFORM_OnCommand([](const std::string &strCommand) { return system(strCommand.c_str()); });
+    const std::string strPrinted = TEST_Printed(
+        [&]
+        {
+            EXPECT_EQ(7u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, "a.mkv"));
+            EXPECT_EQ(7u, QN_RecordErrorFileClear(m_pHandle, QN_VOLUME_ID_E_0, "a.mkv"));
+        });
+    EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("mv "));
+    EXPECT_EQ("the host's", TEST_ReadFile(strFile));
+    EXPECT_EQ(std::vector<std::string>{"a.mkv"}, TEST_List(strHost));
+    const std::string strText = "folder " + Folder(0) + " is refused: its name goes through a symbolic link";
+    EXPECT_TRUE(FAKE_PLATFORM_LoggedExactly(3, "QN_VOLUME_OpenFolder", strText));
+    int32_t s32Told = 0;
+    for (const FAKE_LOG_S &stLog : FAKE_PLATFORM_Logs())
+    {
+        s32Told += stLog.strText == strText ? 1 : 0;
+    }
+    EXPECT_EQ(1, s32Told) << "one line a mount";
+    EXPECT_TRUE(TEST_HasLine(strPrinted, "\\[ERROR\\]\\[QN_VOLUME_OpenFolder:\\d+\\] " + strText));
+}
