@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "quarrin_platform.h"
+#include "support/scratch.h"
 
 using namespace libquarrin;
 
@@ -152,8 +153,7 @@ void RIG_Fail(const std::string &strWhy)
     (void)dprintf(g_s32Errors, "footprint: %s\n", strWhy.c_str());
     for (const std::string &strFolder : *g_pFolders)
     {
-        std::error_code error;
-        std::filesystem::remove_all(strFolder, error);
+        (void)TEST_RemoveScratch(strFolder); // what stays is of no harm
     }
     _exit(1); // threads may be anywhere
 }
@@ -211,13 +211,11 @@ void RIG_HoldFormat(bool bHold)
 
 CARD_S::CARD_S(bool bIn)
 {
-    const char *pszTemp = getenv("TMPDIR");
-    std::string strTemplate = std::string(pszTemp != nullptr ? pszTemp : "/tmp") + "/quarrin-footprint-XXXXXX";
-    if (mkdtemp(&strTemplate[0]) == nullptr)
+    strFolder = TEST_MakeScratch("footprint");
+    if (strFolder.empty())
     {
-        RIG_Fail("cannot make " + strTemplate);
+        RIG_Fail("cannot make a folder in " + TEST_ScratchBase());
     }
-    strFolder = strTemplate;
     g_pFolders->insert(strFolder);
     strMount = strFolder + "/mnt";
     strVolume = strMount + "/rec";
@@ -246,8 +244,7 @@ CARD_S::CARD_S(bool bIn)
 
 CARD_S::~CARD_S()
 {
-    std::error_code error;
-    std::filesystem::remove_all(strFolder, error);
+    (void)TEST_RemoveScratch(strFolder); // what stays is of no harm
     g_pFolders->erase(strFolder);
 }
 

@@ -15,6 +15,8 @@ extern "C"
 #include <libavutil/log.h>
 }
 
+#include "support/scratch.h"
+
 using namespace libquarrin;
 
 static std::atomic<uint32_t> s_au32Logs[8];
@@ -139,17 +141,15 @@ static std::string *s_pstrScratch = nullptr;
 
 static void RemoveScratch()
 {
-    std::error_code error;
-    std::filesystem::remove_all(*s_pstrScratch, error);
+    (void)TEST_RemoveScratch(*s_pstrScratch); // what stays is of no harm
 }
 
 const std::string &FUZZ_Scratch()
 {
     if (s_pstrScratch == nullptr)
     {
-        const char *pszTmp = getenv("TMPDIR");
-        std::string strPath = std::string(pszTmp != nullptr ? pszTmp : "/tmp") + "/quarrin-fuzz-XXXXXX";
-        FUZZ_Check(mkdtemp(&strPath[0]) != nullptr, "a scratch folder can be made");
+        const std::string strPath = TEST_MakeScratch("fuzz");
+        FUZZ_Check(!strPath.empty(), "a scratch folder can be made");
         s_pstrScratch = new std::string(strPath); // as long as the process
         atexit(RemoveScratch);
     }

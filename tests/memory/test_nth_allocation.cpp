@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "memory/life.h"
+#include "support/scratch.h"
 #include "support/wait.h"
 #ifdef QUARRIN_TEST_FAULTS
 #include "card/sim/faults.h"
@@ -31,14 +32,13 @@ class NthAllocation : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char szFolder[] = "/tmp/quarrin-memory-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(szFolder));
-        m_strFolder = szFolder;
+        m_strFolder = TEST_MakeScratch("memory");
+        ASSERT_NE("", m_strFolder);
     }
 
     void TearDown() override
     {
-        std::filesystem::remove_all(m_strFolder);
+        EXPECT_TRUE(TEST_RemoveScratch(m_strFolder));
     }
 
     static void SetUpTestSuite()

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include "chance.h"
 #include "slots.h"
 #include "support/process.h"
+#include "support/scratch.h"
 #include "support/wait.h"
 #include "util/pause.h"
 #include "watch.h"
@@ -52,8 +54,11 @@ static bool StartsWith(const std::string &strLine, const std::string &strBegin)
 
 STRESS_CARD::STRESS_CARD(int32_t s32TheNumber) : s32Number(s32TheNumber)
 {
-    char szPath[] = "/tmp/quarrin-stress-XXXXXX";
-    m_strDir = mkdtemp(szPath);
+    m_strDir = TEST_MakeScratch("stress");
+    if (m_strDir.empty())
+    {
+        throw std::runtime_error("no folder can be made for a card");
+    }
     m_strStore = m_strDir + "/card";
     strMount = m_strDir + "/mnt";
     fs::create_directory(m_strDir + "/dev");
@@ -64,7 +69,7 @@ STRESS_CARD::STRESS_CARD(int32_t s32TheNumber) : s32Number(s32TheNumber)
 
 STRESS_CARD::~STRESS_CARD()
 {
-    RemoveAll(m_strDir);
+    (void)TEST_RemoveScratch(m_strDir); // what stays is of no harm
 }
 
 void STRESS_CARD::In()
