@@ -4,8 +4,8 @@
 //   in progress  2024-03-01-08-15-00.To.unknown.[door].mp4
 //   picture      2024-03-01-08-15-00.[door].jpg
 //
-// All functions are re-entrant and may be called from any thread. Those that give a string give an empty one when there is
-// no memory.
+// All functions are re-entrant and may be called from any thread. Those that give a string give an empty one when there
+// is no memory.
 #ifndef LIBQUARRIN_NAMING_H
 #define LIBQUARRIN_NAMING_H
 

@@ -20,8 +20,8 @@ extern QN_API const tagQN_PHOTO_API_S qn_photo_api_jpeg;
 
 /// Saves packed 24-bit RGB rows as a JPEG file; prints the parameters and SDL's result.
 ///
-/// A null picture, an empty one, one with a side above 65500, or a pitch too small for the width writes nothing. A link,
-/// a FIFO or a device node at the path is taken away first, outside /dev; a folder stays, and the save fails.
+/// A null picture, an empty one, one with a side above 65500, or a pitch too small for the width writes nothing. A
+/// link, a FIFO or a device node at the path is taken away first, outside /dev; a folder stays, and the save fails.
 ///
 /// \param pu8Pixels  u32Height rows of u32Pitch bytes; borrowed for the call.
 /// \param u32Len     not used.

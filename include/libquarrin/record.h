@@ -169,7 +169,8 @@ QN_API uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E 
 ///
 /// Dropped without a message, with result 0: frames of a session that is not running, frames before the awaited key
 /// frame, frames while the storage is full, and frames that the file system refuses (watch
-/// QN_REcordGetWriteBytes and QN_GetState). With splitting on, a key frame at or after the split time begins a new file.
+/// QN_REcordGetWriteBytes and QN_GetState). With splitting on, a key frame at or after the split time begins a new
+/// file.
 ///
 /// H.265 in MP4 and MOV: a key frame whose SPS is cut (see FFMUXER_WriteFrame) begins no file; the next sound one does,
 /// and what comes before it is dropped, or belongs to the file that was to be split. One warning for each file.
@@ -181,7 +182,8 @@ QN_API uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E 
 /// \param bKey      a file may begin here: a key frame, or any AAC frame of an audio-only session.
 /// \param bVideo    video, otherwise audio.
 ///
-/// A frame that there is no memory for is dropped, and a split that there is no memory for waits for the next key frame.
+/// A frame that there is no memory for is dropped, and a split that there is no memory for waits for the next key
+/// frame.
 ///
 /// \return 0; 1 pSession is null; 2 pu8Data is null.
 ///
@@ -218,7 +220,8 @@ QN_API uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, 
 /// \param pszFileName  file name inside the volume's folder.
 ///
 /// \return 1 pHandle is null; 3 not mounted, or the volume is not enabled (both logged); 7 the new name is taken by
-///         something that is no file (logged); 6 out of memory; otherwise BU_RunCmd's result.
+///         something that is no file, or the volume's folder is refused (both logged); 6 out of memory; otherwise
+///         BU_RunCmd's result.
 ///
 /// Threads: any.
 /// Blocks:  for the command.

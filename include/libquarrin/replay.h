@@ -42,13 +42,16 @@ QN_API uint32_t QN_ReplayListFile(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVol
 
 /// Opens a listed file.
 ///
+/// The card is data from strangers: a file that speaks of far more than it can hold is refused. What FFmpeg may take
+/// for a large one is the host's to limit, for the whole process, before the first call: av_max_alloc(256 << 20).
+///
 /// \param pHandle         the handle.
 /// \param stInfo          the file: strPath is opened, strExt chooses the container.
 /// \param stParam         handed to the back end.
 /// \param pReplayHandler  [out] the replay; null on failure.
 ///
-/// \return 0 done; 1 pHandle is null; 3 not mounted; 6 out of memory; 7 file missing, container unknown or not playable, or it could
-///         not be opened (all logged).
+/// \return 0 done; 1 pHandle is null; 3 not mounted; 6 out of memory; 7 file missing, container unknown or not
+///         playable, or it could not be opened (all logged).
 ///
 /// Threads: any.
 /// Locks:   mutexReplayList.

@@ -24,8 +24,8 @@ constexpr uint32_t QN_MOUNT_FAILED = 0xffffffffu;
 /// Starts a format in the background: one partition over the whole card, a new file system, then a mount.
 ///
 /// A mounted card is unmounted by the host first. QN_GetState tells how it goes: QN_STATE_E_FORMATING, then
-/// QN_STATE_E_MOUNTED or, after a failure, QN_STATE_E_PLUGIN. The worker of an earlier format, whose card was pulled, does
-/// nothing more once this one has begun.
+/// QN_STATE_E_MOUNTED or, after a failure, QN_STATE_E_PLUGIN. The worker of an earlier format, whose card was pulled,
+/// does nothing more once this one has begun.
 ///
 /// \param pHandle   the handle; not checked for null.
 /// \param enFsType  file system; any other value lets the format fail after the partition table was rewritten.
@@ -74,8 +74,8 @@ QN_API int32_t QN_STORAGE_CheckBlockDevExist(const char *pszPath);
 
 /// 0 when device and partition node exist; -1 no device; -2 a device but no partition node.
 ///
-/// Here and in all calls below, the node of a partition is the device's name, a "p" and the number (mmcblk1p1). Where the
-/// name does not end in a digit and there is no such node but one without the "p" (sda1), it is that one.
+/// Here and in all calls below, the node of a partition is the device's name, a "p" and the number (mmcblk1p1). Where
+/// the name does not end in a digit and there is no such node but one without the "p" (sda1), it is that one.
 QN_API int32_t QN_STORAGE_CheckPartitionExist(const char *pszDevice, int32_t s32PartitionNo);
 
 /// 0 when the mount directory exists, -1 otherwise. The mount table is not looked at.
