@@ -1,7 +1,7 @@
 // The heap of this process, block by block: who asked for it, how much is held, how much was held at most.
 //
-// The program's own malloc family stands before the C library's, for every library in the process. A block counts as the
-// allocator sees it: the room that it really has, and its header.
+// The program's own malloc family stands before the C library's, for every library in the process. A block counts as
+// the allocator sees it: the room that it really has, and its header.
 #ifndef QUARRIN_BENCH_HEAP_H
 #define QUARRIN_BENCH_HEAP_H
 

@@ -1,4 +1,5 @@
-// The questions that the program answers, one for each run of it: figures must not see what another question left behind.
+// The questions that the program answers, one for each run of it: figures must not see what another question left
+// behind.
 #ifndef QUARRIN_BENCH_QUESTIONS_H
 #define QUARRIN_BENCH_QUESTIONS_H
 

@@ -1,8 +1,9 @@
 // camera DEVICE MOUNTPOINT CLIP [--split SECONDS] [--keep]
 //
-// A camera with two views that record side by side onto one card: "front" into Matroska, "rear" into MPEG-TS. It goes on
-// through everything that a card does: it is plugged, pulled and plugged again, runs full, stalls. The clip stands for
-// both sensors and encoders. Every change is said in one line; SIGTERM and SIGINT finish the files and unmount the card.
+// A camera with two views that record side by side onto one card: "front" into Matroska, "rear" into MPEG-TS. It goes
+// on through everything that a card does: it is plugged, pulled and plugged again, runs full, stalls. The clip stands
+// for both sensors and encoders. Every change is said in one line; SIGTERM and SIGINT finish the files and unmount the
+// card.
 //
 // Threads: per view an encoder, which must never wait, and a writer, which waits for the card; the main thread watches.
 

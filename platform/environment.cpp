@@ -1,6 +1,6 @@
-// The environment of a command. A line does what it says, however the host was started: an exported SHELLOPTS makes bash
-// leave a line at its first failure or run nothing of it, BASH_ENV puts a script before it, and a function takes the
-// place of any word in it, the shell's own words among them.
+// The environment of a command. A line does what it says, however the host was started: an exported SHELLOPTS makes
+// bash leave a line at its first failure or run nothing of it, BASH_ENV puts a script before it, and a function takes
+// the place of any word in it, the shell's own words among them.
 // Threads: any. Locks: none.
 
 #include "environment.h"

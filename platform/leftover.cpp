@@ -32,8 +32,8 @@ static bool IsDots(const char *pszName)
     return strcmp(pszName, ".") == 0 || strcmp(pszName, "..") == 0;
 }
 
-// Goes through the folders below an open one, which it closes. Without bRemove: true when there is nothing but folders of
-// the same file system. With it they are removed, the deepest first.
+// Goes through the folders below an open one, which it closes. Without bRemove: true when there is nothing but folders
+// of the same file system. With it they are removed, the deepest first.
 static bool GoThrough(int s32Folder, dev_t device, bool bRemove, int32_t s32Depth)
 {
     struct stat stFolder = {};

@@ -13,8 +13,8 @@ bool PLATFORM_IsMountLine(const std::string &strLine, std::string &strDevice, st
 /// What is seen at the path is the file system on this block device, whichever of its names either is given by.
 bool PLATFORM_IsMountedOn(const std::string &strDevice, const std::string &strPath);
 
-/// Makes the directory and mounts the device on it, as the line does, but so that nothing on the card is run, is a device
-/// or gives anybody's rights away. The exit status of mount.
+/// Makes the directory and mounts the device on it, as the line does, but so that nothing on the card is run, is a
+/// device or gives anybody's rights away. The exit status of mount.
 int32_t PLATFORM_Mount(const std::string &strDevice, const std::string &strPath);
 
 #endif

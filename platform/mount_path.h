@@ -11,8 +11,8 @@ struct PLATFORM_MOUNT_PATH_S
     std::string strResolved; ///< the directory, as the kernel's table of mounts writes it
 };
 
-/// Resolves a mount point, without asking the file system that is mounted there: the card may be gone and answer nothing.
-/// False when it ends in "." or "..", a folder above it is missing, or it is somebody else's link.
+/// Resolves a mount point, without asking the file system that is mounted there: the card may be gone and answer
+/// nothing. False when it ends in "." or "..", a folder above it is missing, or it is somebody else's link.
 bool PLATFORM_ResolveMountPath(const std::string &strPath, PLATFORM_MOUNT_PATH_S &stPath);
 
 #endif

@@ -1,8 +1,8 @@
 // Running a program below a shell that reports how it ended.
 //
-// The report comes through a pipe. waitpid alone would not do: in a host that ignores SIGCHLD, or whose handler collects
-// every child, the kernel's status is gone before it can be read. The end of the pipe is not waited for: a host that
-// forks meanwhile leaves a process behind that has the pipe open for as long as it lives.
+// The report comes through a pipe. waitpid alone would not do: in a host that ignores SIGCHLD, or whose handler
+// collects every child, the kernel's status is gone before it can be read. The end of the pipe is not waited for: a
+// host that forks meanwhile leaves a process behind that has the pipe open for as long as it lives.
 // Threads: any; nothing of the host's signal settings is touched. Locks: none.
 
 #include "process.h"

@@ -1,4 +1,5 @@
-// Running a program: the shell that commands need, and the wait for an exit status that no SIGCHLD setting can take away.
+// Running a program: the shell that commands need, and the wait for an exit status that no SIGCHLD setting can take
+// away.
 // Threads: any. Locks: none.
 #ifndef QUARRIN_PLATFORM_PROCESS_H
 #define QUARRIN_PLATFORM_PROCESS_H

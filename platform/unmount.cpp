@@ -1,8 +1,8 @@
 // The unmount line: umount first, the directory only when it really is one again.
 //
 // By the letter "umount X; rm -rf X" deletes every file of a card that is still mounted, because it was busy or because
-// X never was a mount point. On the device that is intended; here X may be anybody's folder. Where X is a symbolic link,
-// the card is mounted on the directory behind it, and that one is unmounted.
+// X never was a mount point. On the device that is intended; here X may be anybody's folder. Where X is a symbolic
+// link, the card is mounted on the directory behind it, and that one is unmounted.
 // Threads: any. Locks: none; a mount that comes between the look and the removal makes rmdir fail.
 
 #include "unmount.h"

@@ -94,8 +94,8 @@ static int32_t GoThrough(tagTOOL_DURABLE_S &stDurable, DIR *pFolder, bool bSync)
     return s32Error;
 }
 
-/// The files first, so that no name comes to the card before its data, then the folder. Without bSync it only takes down
-/// what is there.
+/// The files first, so that no name comes to the card before its data, then the folder. Without bSync it only takes
+/// down what is there.
 static int32_t SyncFolder(tagTOOL_DURABLE_S &stDurable, bool bSync)
 {
     DIR *pFolder = opendir(stDurable.strFolder.c_str());

@@ -1,5 +1,6 @@
-// Keeps what is recorded on the card itself: a thread writes new data through at short intervals, so that a power cut costs
-// little. Without it the kernel may hold data back for tens of seconds, and a finished name may come before its data.
+// Keeps what is recorded on the card itself: a thread writes new data through at short intervals, so that a power cut
+// costs little. Without it the kernel may hold data back for tens of seconds, and a finished name may come before its
+// data.
 #ifndef QUARRIN_TOOLS_DURABLE_H
 #define QUARRIN_TOOLS_DURABLE_H
 
@@ -41,8 +42,8 @@ struct tagTOOL_DURABLE_S
     pthread_t stThread = 0;
 };
 
-/// Begins to write the files of a folder through every u32Seconds seconds: the files in progress, the finished ones, and
-/// the folder with their names. Files that are there already count as written. 0 seconds: does nothing.
+/// Begins to write the files of a folder through every u32Seconds seconds: the files in progress, the finished ones,
+/// and the folder with their names. Files that are there already count as written. 0 seconds: does nothing.
 ///
 /// \return false when the thread cannot be started.
 bool TOOL_DURABLE_Begin(tagTOOL_DURABLE_S &stDurable, const std::string &strFolder, uint32_t u32Seconds);

@@ -1,4 +1,5 @@
-// The list command: a table, or JSON for programs. Times are UTC: main sets the time zone before the library reads names.
+// The list command: a table, or JSON for programs. Times are UTC: main sets the time zone before the library reads
+// names.
 
 #include "commands.h"
 

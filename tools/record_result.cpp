@@ -1,5 +1,5 @@
-// Result of a recording: the library renames what it keeps and removes what is shorter than 5 s. Neither is told when it
-// fails, nor a trailer for which there was no room: the names are looked at, and each file is opened.
+// Result of a recording: the library renames what it keeps and removes what is shorter than 5 s. Neither is told when
+// it fails, nor a trailer for which there was no room: the names are looked at, and each file is opened.
 
 #include "record_result.h"
 

@@ -40,7 +40,8 @@ static bool CheckFile(const tagTOOL_REPLAY_S &stReplay, std::string &strError)
     return true;
 }
 
-/// What the library picks: the first H.264 or H.265 stream. The frames of all others come without saying whose they are.
+/// What the library picks: the first H.264 or H.265 stream. The frames of all others come without saying whose they
+/// are.
 static void FindStreams(tagTOOL_REPLAY_S &stReplay)
 {
     const AVFormatContext *pHeaders = stReplay.pHeaders;

@@ -14,8 +14,8 @@ struct tagTOOL_TIMELINE_S
 
 /// Time of a frame in microseconds, counted from the first one.
 ///
-/// A clock that jumps back by more than two seconds or ahead by more than a minute was set anew by the sender: time goes
-/// on from where it was.
+/// A clock that jumps back by more than two seconds or ahead by more than a minute was set anew by the sender: time
+/// goes on from where it was.
 int64_t TOOL_TIMELINE_At(tagTOOL_TIMELINE_S &stLine, int64_t s64Time);
 
 #endif

@@ -60,8 +60,8 @@ std::string WhyNotMountPoint(const tagQN_STORAGE_PARAM_S &param)
     }
     if (isThere && !IsMountPoint(folder))
     {
-        // QN_Init would take it for a mounted card and record onto the device's own flash. An empty one that a power cut
-        // left behind has been removed by the utility layer.
+        // QN_Init would take it for a mounted card and record onto the device's own flash. An empty one that a power
+        // cut left behind has been removed by the utility layer.
         return folder + " is a folder with something in it: a card needs a mount point of its own";
     }
     return "";

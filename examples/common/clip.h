@@ -34,11 +34,12 @@ struct Clip
 /// sentence; empty when it is loaded.
 std::string LoadClip(const std::string &path, Clip &clip);
 
-/// Makes Annex B with four-byte start codes of a frame: Matroska and MP4 files keep the length of each NAL unit in front
-/// of it, encoders write some start codes with three bytes.
+/// Makes Annex B with four-byte start codes of a frame: Matroska and MP4 files keep the length of each NAL unit in
+/// front of it, encoders write some start codes with three bytes.
 std::vector<uint8_t> ToAnnexB(const uint8_t *data, size_t size);
 
-/// Collects the parameter sets of a key frame: H.264 SPS and PPS, H.265 VPS with SPS, and PPS. False when one is missing.
+/// Collects the parameter sets of a key frame: H.264 SPS and PPS, H.265 VPS with SPS, and PPS. False when one is
+/// missing.
 bool FindParameterSets(std::vector<uint8_t> &keyFrame, bool isH265, std::vector<uint8_t> &sps,
                        std::vector<uint8_t> &pps);
 

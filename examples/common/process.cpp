@@ -50,7 +50,8 @@ void Say(const char *format, ...)
     const size_t used = std::min(static_cast<size_t>(length), sizeof(line) - 2); // a longer one is cut
     for (size_t i = 0; i < used; i++)
     {
-        // A card's names come from strangers, and a terminal obeys control characters; those of C1 are two bytes in UTF-8.
+        // A card's names come from strangers, and a terminal obeys control characters; those of C1 are two bytes in
+        // UTF-8.
         const unsigned char byte = static_cast<unsigned char>(line[i]);
         const unsigned char next = static_cast<unsigned char>(i + 1 < used ? line[i + 1] : 0);
         line[i] = byte < 0x20 || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next < 0xa0) ? '?' : line[i];

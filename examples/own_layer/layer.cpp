@@ -132,8 +132,8 @@ static std::vector<std::string> Shell()
 
 // Starts the program with empty standard input, no signal blocked or ignored, and in a process group of its own: a
 // Ctrl-C does not tear a mkfs, and the time limit ends the shell with all that it has started. It gets nothing of the
-// host's but standard output and error: an open recording would keep the card busy, and of the environment a shell takes
-// settings and functions that change what a line does. 0 or an errno.
+// host's but standard output and error: an open recording would keep the card busy, and of the environment a shell
+// takes settings and functions that change what a line does. 0 or an errno.
 static int Spawn(std::vector<std::string> words, pid_t &pid)
 {
     std::vector<char *> arguments;

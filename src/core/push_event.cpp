@@ -1,5 +1,6 @@
 // The post that hosts and handlers make: into the ring, with a note of a split-off file.
-// Threads: any. Locks: mutexFiles and mutexEvent, both leaves, one after the other. Not here: the ring itself (src/ring).
+// Threads: any. Locks: mutexFiles and mutexEvent, both leaves, one after the other. Not here: the ring itself
+// (src/ring).
 
 #include "libquarrin/events.h"
 

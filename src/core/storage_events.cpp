@@ -1,5 +1,6 @@
 // Storage state machine, the event thread's side: what hotplug, mount and format events do.
-// Threads: the event thread. Locks: mutexState; in a hot-unplug then the card gate, the lists' mutexes and the sessions'.
+// Threads: the event thread. Locks: mutexState; in a hot-unplug then the card gate, the lists' mutexes and the
+// sessions'.
 
 #include "libquarrin/events.h"
 
@@ -84,8 +85,8 @@ static void KeepFrame(tagQN_HANDLER_PRIVATE_S *pPrivate, const tagQN_REPLAY_HAND
     FFREAD_FreeFrameOut(pFrame);
 }
 
-// Closes a reader. A frame that the host has out stays where it is until the host closes the replay: nothing has told the
-// host yet.
+// Closes a reader. A frame that the host has out stays where it is until the host closes the replay: nothing has told
+// the host yet.
 static void CloseKeepingFrame(tagQN_HANDLER_S *pHandle, const tagQN_REPLAY_HANDLER_S *pReplay)
 {
     void *pFrame = nullptr; // stays null when the reader is a host's own: its frames are its business

@@ -53,8 +53,8 @@ static bool IsFiller(uint32_t u32Id)
     return u32Id == 0xec || u32Id == 0xbf;
 }
 
-// A place in a list of places: first what is there, then where. FFmpeg finds the id in it when it looks for ids, and would
-// take the bytes behind it for its size.
+// A place in a list of places: first what is there, then where. FFmpeg finds the id in it when it looks for ids, and
+// would take the bytes behind it for its size.
 static bool TakeSeekPart(tagMKV_S &stMkv, const tagELEMENT_S &stElement, void *pArgument)
 {
     tagSEEKS_S &stSeeks = *static_cast<tagSEEKS_S *>(pArgument);

@@ -226,8 +226,8 @@ int32_t FFMUXER_WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t
     // The payload is FFmpeg's from here on, also when the write fails; a host sees write errors in the bytes written.
     const int s32Ret = av_interleaved_write_frame(pHandler->pstFmtCtx, pPacket);
     pHandler->bSetsDue = pHandler->bSetsDue && (!bSets || s32Ret < 0);
-    // Kept: the empty packet stays allocated, one for each frame, until the writer goes. FFmpeg has cleared it, so it can
-    // carry the chain itself: an hour has some 260,000 of them.
+    // Kept: the empty packet stays allocated, one for each frame, until the writer goes. FFmpeg has cleared it, so it
+    // can carry the chain itself: an hour has some 260,000 of them.
     pPacket->opaque = pHandler->pShells;
     pHandler->pShells = pPacket;
     return 0;

@@ -91,9 +91,9 @@ static void MeetStreams(AVFormatContext *pContext)
     (void)avformat_flush(pContext);                         // has no failure
 }
 
-// FFmpeg decodes pictures as long as it lacks the size or the format of a stream, and some more of H.264. Without a format
-// it opens the decoder at once, with options by which nothing is missing and no picture is made. Nobody here asks for the
-// format.
+// FFmpeg decodes pictures as long as it lacks the size or the format of a stream, and some more of H.264. Without a
+// format it opens the decoder at once, with options by which nothing is missing and no picture is made. Nobody here
+// asks for the format.
 static tagSIZE_S PrepareVideo(AVStream *pStream, AVDictionary **ppOptions)
 {
     AVCodecParameters *pPar = pStream->codecpar;

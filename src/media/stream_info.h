@@ -16,8 +16,8 @@ namespace libquarrin
 /// A file may speak of a thousand streams, each with tables and a decoder of its own; a recording has two.
 constexpr int32_t FFREAD_MAX_STREAMS = 16;
 
-/// avformat_find_stream_info, for a file of a stranger: the sizes of pictures come from the parameter sets, and no frame
-/// is made. A few bytes may speak of pictures of gigabytes, and of sixteen to be kept.
+/// avformat_find_stream_info, for a file of a stranger: the sizes of pictures come from the parameter sets, and no
+/// frame is made. A few bytes may speak of pictures of gigabytes, and of sixteen to be kept.
 ///
 /// \param pContext  opened; max_streams is FFREAD_MAX_STREAMS.
 ///

@@ -87,8 +87,8 @@ uint32_t JPEG_Write(const char *pszPath, const uint8_t *pu8Pixels, uint32_t, tag
     return 0; // Kept: hosts see a failed save in the printed line alone.
 }
 
-// Everybody may make folders in the temporary directory, and guess the names of the pictures in it. What is the caller's
-// own there nobody else can exchange.
+// Everybody may make folders in the temporary directory, and guess the names of the pictures in it. What is the
+// caller's own there nobody else can exchange.
 static bool IsOwnFolder(const char *pszPath)
 {
     struct stat stStat = {};

@@ -121,8 +121,8 @@ uint32_t QN_RecordClosePostProcessAync(tagQN_RECORD_HANDLER_S *pSession, void *p
     return FinishOfHost(pSession, __func__, pWriter, strPath, tStart, tEnd);
 }
 
-// An event of the library's brings its own tag: a session that was stopped meanwhile may just be getting another one for
-// its next start.
+// An event of the library's brings its own tag: a session that was stopped meanwhile may just be getting another one
+// for its next start.
 std::string QN_FINISH_FinalPath(const tagQN_AUTO_SPLIT_EVENT_S &stEvent)
 {
     const std::string &strNameTag = stEvent.pstMediaApi != nullptr ? stEvent.strNameTag : stEvent.pstRecord->strNameTag;

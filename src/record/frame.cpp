@@ -45,8 +45,8 @@ static bool MayBeginFile(const tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRA
     return stFrame.bKey && (pSession->stParam.stVideo.bEnable == 0 || stFrame.bVideo != 0);
 }
 
-// The parameter sets of a file may come from its first frame of video, and they may be damaged: the file begins with the
-// next sound key frame then. The writer would leave the frame out as well; here a split waits too.
+// The parameter sets of a file may come from its first frame of video, and they may be damaged: the file begins with
+// the next sound key frame then. The writer would leave the frame out as well; here a split waits too.
 static bool MayBeginVideoLocked(tagQN_RECORD_HANDLER_S *pSession, const tagQN_FRAME_S &stFrame)
 {
     if (stFrame.bVideo == 0 || FFWRITE_MayBeginVideo(&pSession->stParam, stFrame.pu8Data, stFrame.u32Len))
@@ -175,7 +175,8 @@ static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, tagQN
     }
     if (stSplit.bSamePath)
     {
-        // The old file ends in the second of its begin, as a rule, and is too short to be kept; but the times are public.
+        // The old file ends in the second of its begin, as a rule, and is too short to be kept; but the times are
+        // public.
         QN_FINISH_MakeWay(*spEvent, stSplit.strFinal);
     }
     pSession->tFileStart = tNow;

@@ -264,8 +264,8 @@ static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart, u
     return true;
 }
 
-// Tries until a second is the session's own. One that many want may take a while; only a clock that stands still does not
-// bring another.
+// Tries until a second is the session's own. One that many want may take a while; only a clock that stands still does
+// not bring another.
 static uint32_t StartInItsSecond(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart)
 {
     uint32_t u32Result = QN_RET_OK;

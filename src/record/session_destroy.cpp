@@ -50,7 +50,8 @@ void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink)
     {
         QN_EVENT_Push(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume);
     }
-    // With nothing held: calls that have begun want stMutex, and the card gate, behind which an unplug may want the list.
+    // With nothing held: calls that have begun want stMutex, and the card gate, behind which an unplug may want the
+    // list.
     UTIL_CALLS_Wait(pSession->pstPrivate->stCalls);
     if (bUnlink)
     {

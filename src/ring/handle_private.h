@@ -29,7 +29,8 @@ struct tagQN_FORMAT_LINK_S
     uint32_t u32Format = 0;             ///< number of the last format: the worker of an older one is done
 };
 
-/// A replay and the frame that was out when an unplug took its reader, since the host may be reading it; null: none was.
+/// A replay and the frame that was out when an unplug took its reader, since the host may be reading it; null: none
+/// was.
 using QN_FRAME_OUT = std::pair<const tagQN_REPLAY_HANDLER_S *, void *>;
 
 struct tagQN_HANDLER_PRIVATE_S

@@ -43,8 +43,8 @@ static const char *NumberOf(const char *pszDevice, const char *pszNode)
     return pszNumber[0] != '\0' && pszNumber[strspn(pszNumber, "0123456789")] == '\0' ? pszNumber : nullptr;
 }
 
-// The kernel puts a "p" before the number only where the name of the disk ends in a digit: mmcblk1p1, but sda1. The node
-// of such a disk is the one without it, unless there is one with it. pszNode comes with it.
+// The kernel puts a "p" before the number only where the name of the disk ends in a digit: mmcblk1p1, but sda1. The
+// node of such a disk is the one without it, unless there is one with it. pszNode comes with it.
 static const char *PresentNode(UTIL_LINE_S &stPlain, const char *pszDevice, const char *pszNode)
 {
     const size_t length = strlen(pszDevice);

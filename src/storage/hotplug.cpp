@@ -116,10 +116,10 @@ static int64_t NowMs()
 }
 
 // Uevents that came after a socket broke, or that a full socket dropped, are made up for by a look at the device. The
-// first socket needs one for a device of the kernel's alone, which may have come or gone since QN_STORAGE_Init looked: of
-// a node that the host makes itself, no uevent would have told.
-// Only a difference to what was seen last counts: mounting a mounted card once more would fail. The look waits a second,
-// as an event does; a uevent of the device that comes meanwhile takes its place.
+// first socket needs one for a device of the kernel's alone, which may have come or gone since QN_STORAGE_Init looked:
+// of a node that the host makes itself, no uevent would have told.
+// Only a difference to what was seen last counts: mounting a mounted card once more would fail. The look waits a
+// second, as an event does; a uevent of the device that comes meanwhile takes its place.
 static void PlanLook(tagQN_HANDLER_S *pHandle)
 {
     pHandle->pstPrivate->s64LookAtMs = PresenceChanged(pHandle) ? NowMs() + SETTLE_SECONDS * 1000 : 0;

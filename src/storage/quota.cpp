@@ -57,8 +57,8 @@ int32_t QN_STORAGE_QuotaInit(tagQN_HANDLER_S *pHandle)
             continue;
         }
         const auto enVolume = static_cast<QN_VOLUME_ID_E>(i);
-        // A card that is unmounted already gets none: they would make its directory again, which the next start takes for
-        // a mounted card. Asked before each, since an unmount gives up a command that hangs.
+        // A card that is unmounted already gets none: they would make its directory again, which the next start takes
+        // for a mounted card. Asked before each, since an unmount gives up a command that hangs.
         if (!QN_CARD_IsUnmounted(pHandle) && QN_VOLUME_MayBeMade(pHandle, enVolume))
         {
             UTIL_LINE_S stLine;

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_abi.sh LIBRARY [--write]: functions, records and enumerations are those of the baseline, as the debug information
-# of the library tells. --write makes the baseline anew: for a change that is meant, see docs/versioning.md.
+# check_abi.sh LIBRARY [--write]: functions, records and enumerations are those of the baseline, as the debug
+# information of the library tells. --write makes the baseline anew: for a change that is meant, see docs/versioning.md.
 # Ends with 77 where there is no abidiff, or no baseline for the library's machine.
 set -eu
 

@@ -1,6 +1,7 @@
 #!/bin/sh
-# check_hardening.sh FILE...: each file is built so that a fault in memory is hard to use, and looks for its libraries in
-# absolute folders alone. READELF names the reader of another machine's files, OPTIMISED=no a build without checked functions.
+# check_hardening.sh FILE...: each file is built so that a fault in memory is hard to use, and looks for its libraries
+# in absolute folders alone. READELF names the reader of another machine's files, OPTIMISED=no a build without checked
+# functions.
 set -eu
 export LC_ALL=C
 readelf=${READELF:-readelf}

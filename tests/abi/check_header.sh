@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_header.sh COMPILER FLAGS INCLUDE: on a 32-bit target the header compiles with both definitions for 64-bit offsets
-# and times, and stops a build that lacks one of them with words that say what to do.
+# check_header.sh COMPILER FLAGS INCLUDE: on a 32-bit target the header compiles with both definitions for 64-bit
+# offsets and times, and stops a build that lacks one of them with words that say what to do.
 set -u
 
 compiler=$1

@@ -1,7 +1,7 @@
 // A record session that a thread of its own feeds without a break, and that knows how many frames each file must hold.
 //
-// The begin of every file is set back to a second of its own, years ago: it is never too short to be kept, and is known by
-// its name.
+// The begin of every file is set back to a second of its own, years ago: it is never too short to be kept, and is known
+// by its name.
 #ifndef QUARRIN_TESTS_CARD_PUMP_H
 #define QUARRIN_TESTS_CARD_PUMP_H
 
@@ -34,8 +34,8 @@ public:
     /// QN_RecordStop.
     void Stop();
 
-    /// Lets the next key frame begin a new file. What the name of the old one begins with once it is finished; empty when
-    /// nothing is written at the moment.
+    /// Lets the next key frame begin a new file. What the name of the old one begins with once it is finished; empty
+    /// when nothing is written at the moment.
     std::string Split();
 
     /// Frames that were written (not: dropped) so far, in all files.
@@ -47,8 +47,8 @@ public:
     /// Waits until so many more frames were written.
     bool WaitWritten(int64_t s64More) const;
 
-    /// A finished file of any pump of the program holds exactly the video frames that were given for it, from a key frame
-    /// on, without a gap. The sentence that says what is wrong; empty: it is whole.
+    /// A finished file of any pump of the program holds exactly the video frames that were given for it, from a key
+    /// frame on, without a gap. The sentence that says what is wrong; empty: it is whole.
     static std::string WhatIsWrong(const std::string &strPath);
 
     libquarrin::tagQN_RECORD_HANDLER_S *pSession = nullptr;

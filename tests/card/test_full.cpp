@@ -47,8 +47,8 @@ protected:
         pthread_mutex_unlock(&m_upPump->pSession->stMutex);
     }
 
-    // The n-th of the older recordings: the first four from before today, the others from after, so that the file in progress stands in
-    // the middle of the list.
+    // The n-th of the older recordings: the first four from before today, the others from after, so that the file in
+    // progress stands in the middle of the list.
     std::string OldFile(int32_t i) const
     {
         char szName[96];

@@ -1,4 +1,5 @@
-// The simulated card itself: it comes and goes as the kernel's own, causes the faults that it promises, and is cleaned up.
+// The simulated card itself: it comes and goes as the kernel's own, causes the faults that it promises, and is cleaned
+// up.
 
 #include <csignal>
 #include <fstream>

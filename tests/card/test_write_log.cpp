@@ -20,7 +20,8 @@ constexpr size_t BLOCK = 4096;
 constexpr size_t SECTOR = 512;
 constexpr uint32_t SEEDS = 200;
 
-/// A log of four blocks, all of 'o' at first: 'a' over the first two, a flush, 'b' over the first, 'c' over the last two.
+/// A log of four blocks, all of 'o' at first: 'a' over the first two, a flush, 'b' over the first, 'c' over the last
+/// two.
 class WriteLog : public ::testing::Test
 {
 protected:

@@ -30,7 +30,8 @@ protected:
     /// Makes the handle without a device: state UNPLUGIN, no event, nothing to be run.
     void InitUnplugged();
 
-    /// Makes the handle and ends its event thread, with the queue still open: the test takes the dispatcher's steps itself.
+    /// Makes the handle and ends its event thread, with the queue still open: the test takes the dispatcher's steps
+    /// itself.
     void InitWithoutEventThread();
 
     /// Sets enState under mutexState.
@@ -46,8 +47,8 @@ protected:
     /// Fills the ring with events that nobody handles.
     void FillRing();
 
-    /// Lets the event thread wait in a handler that holds no lock, with nothing queued behind it: a split-off file whose
-    /// closing is held up. s32Ms bounds the wait.
+    /// Lets the event thread wait in a handler that holds no lock, with nothing queued behind it: a split-off file
+    /// whose closing is held up. s32Ms bounds the wait.
     void StallDispatcher();
     void ReleaseDispatcher();
 

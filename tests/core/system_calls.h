@@ -1,5 +1,6 @@
 // Stands between the library and some calls of the C library, in the test program only: closedir can be held up,
-// select is counted and can be held up, the re-read of a partition table answers as told, and allocations that may fail do.
+// select is counted and can be held up, the re-read of a partition table answers as told, and allocations that may fail
+// do.
 #ifndef QUARRIN_TESTS_SYSTEM_CALLS_H
 #define QUARRIN_TESTS_SYSTEM_CALLS_H
 

@@ -1,4 +1,5 @@
-// Commands of ours that take their time below the mount point: a card that is slow is waited for, one that is gone is not.
+// Commands of ours that take their time below the mount point: a card that is slow is waited for, one that is gone is
+// not.
 
 #include <chrono>
 

@@ -1,5 +1,5 @@
-// Unmounting while something is open: the unmount line comes when no descriptor of the process is below the mount point,
-// since the line deletes what it could not unmount.
+// Unmounting while something is open: the unmount line comes when no descriptor of the process is below the mount
+// point, since the line deletes what it could not unmount.
 
 #include <sys/stat.h>
 #include <unistd.h>

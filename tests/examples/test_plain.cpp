@@ -110,8 +110,8 @@ TEST_F(Camera, RecordsTwoViewsWithSplitsUntilASignal)
         EXPECT_EQ(1, CountOf(strOut, std::string(pszView) + ": recording\n")) << strOut;
         EXPECT_EQ(1, CountOf(strOut, std::string(pszView) + ": stopped, camera ends\n")) << strOut;
     }
-    // A machine that stands still for seconds makes the queue overflow, and the camera says so. A shorter standstill puts
-    // the frames of one file into the next.
+    // A machine that stands still for seconds makes the queue overflow, and the camera says so. A shorter standstill
+    // puts the frames of one file into the next.
     const bool bSomeLost = strOut.find("frames are lost") != std::string::npos;
     int32_t s32Front = 0;
     int32_t s32Rear = 0;

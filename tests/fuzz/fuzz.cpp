@@ -52,7 +52,8 @@ extern "C" int BSP_PrintLog(int, const char *format, ...)
     return 0;
 }
 
-// The library's traces would fill the fuzzer's terminal, and the file names of a machine with another zone would differ.
+// The library's traces would fill the fuzzer's terminal, and the file names of a machine with another zone would
+// differ.
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     FUZZ_Check(freopen("/dev/null", "w", stdout) != nullptr, "standard output can be put away");

@@ -1,5 +1,5 @@
-// Record-session calls in random order, several sessions on one card, against a model of their states. The clock and the
-// dispatcher are stepped by the input.
+// Record-session calls in random order, several sessions on one card, against a model of their states. The clock and
+// the dispatcher are stepped by the input.
 
 #include "fuzz.h"
 

@@ -1,5 +1,5 @@
-// Replay calls in random order, on files that open and on others, with the card pulled and put back in between. What each
-// call answers is known beforehand.
+// Replay calls in random order, on files that open and on others, with the card pulled and put back in between. What
+// each call answers is known beforehand.
 
 #include "fuzz.h"
 

@@ -286,7 +286,8 @@ void MODEL_Step(MODEL_S &stModel)
         {
             CheckQuota(stModel);
         }
-        // The second volume has room, and one that has room takes the storage's fullness back; the third is not enabled.
+        // The second volume has room, and one that has room takes the storage's fullness back; the third is not
+        // enabled.
         stModel.bFull = stModel.bFull && stEvent.s32Volume != 1;
         break;
     default:

@@ -71,7 +71,8 @@ struct MODEL_S
 
 int64_t MODEL_Now(const MODEL_S &stModel);
 
-/// The library's calls: what they answer. pTable tells what the back end's opens came to, which the library has made by then.
+/// The library's calls: what they answer. pTable tells what the back end's opens came to, which the library has made by
+/// then.
 uint32_t MODEL_Start(MODEL_S &stModel, int32_t s32Session, const char *pszTag);
 uint32_t MODEL_Pause(MODEL_S &stModel, int32_t s32Session);
 uint32_t MODEL_Resume(MODEL_S &stModel, int32_t s32Session);

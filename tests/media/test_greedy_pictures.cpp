@@ -1,5 +1,5 @@
-// Parameter sets that speak of huge pictures, and transport streams whose streams come late: an open is quick, and takes
-// little memory.
+// Parameter sets that speak of huge pictures, and transport streams whose streams come late: an open is quick, and
+// takes little memory.
 
 #include "greedy_files.h"
 

@@ -1,8 +1,8 @@
 // Allocations that fail, in this process: the nth that the library and FFmpeg make, or that one and all later ones.
 //
-// In an ordinary build every malloc of the process is seen, those of the C++ library, of FFmpeg and of the C library too;
-// under a sanitizer, which has an allocator of its own, operator new alone. What the test itself and its utility layer
-// allocate does not count.
+// In an ordinary build every malloc of the process is seen, those of the C++ library, of FFmpeg and of the C library
+// too; under a sanitizer, which has an allocator of its own, operator new alone. What the test itself and its utility
+// layer allocate does not count.
 // Threads: any.
 #ifndef QUARRIN_TESTS_MEMORY_ALLOCATIONS_H
 #define QUARRIN_TESTS_MEMORY_ALLOCATIONS_H

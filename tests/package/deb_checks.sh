@@ -1,6 +1,6 @@
 # shellcheck shell=sh disable=SC2034,SC2154 # variables of the scripts that source this, and for them
-# deb_checks.sh: what the tests of the packages share. It is sourced with the folder of the packages, the sources, a folder to
-# work in and the architecture as $1 to $4.
+# deb_checks.sh: what the tests of the packages share. It is sourced with the folder of the packages, the sources, a
+# folder to work in and the architecture as $1 to $4.
 
 packages=$(cd "$1" && pwd)
 source=$(cd "$2" && pwd)
@@ -78,9 +78,9 @@ video_frames()
     tool play "$2" --storage "$1" --frames | grep -c ' type=video '
 }
 
-# recorded STORAGE LEAST: one finished recording with the README's comment and every picture of the clip $clips/rec/$clip,
-# which has at least so many: a busy machine gives fewer than there is time for, and with 40 ms for each the host's file
-# has to be longer than the five seconds below which it is removed.
+# recorded STORAGE LEAST: one finished recording with the README's comment and every picture of the clip
+# $clips/rec/$clip, which has at least so many: a busy machine gives fewer than there is time for, and with 40 ms for
+# each the host's file has to be longer than the five seconds below which it is removed.
 recorded()
 {
     tool list --storage "$1" --json >"$place/list.json" || return 1

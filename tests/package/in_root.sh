@@ -1,6 +1,6 @@
 # shellcheck shell=sh
-# in_root ROOT COMMAND...: runs a command within a root, with a /proc of its own that ends with the command. Where nothing
-# may be mounted, there is none.
+# in_root ROOT COMMAND...: runs a command within a root, with a /proc of its own that ends with the command. Where
+# nothing may be mounted, there is none.
 in_root()
 {
     if unshare --mount true 2>/dev/null; then

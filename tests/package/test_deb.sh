@@ -1,8 +1,8 @@
 #!/bin/sh
-# test_deb.sh PACKAGES SOURCE DIR ARCHITECTURE: installs the three packages of the folder PACKAGES into a fresh copy of the clean root
-# below DIR, compiles the README's host against them in the README's two ways, runs both on a recording that the packaged
-# tool made, and removes the packages without a trace. As root. One line per check; the last line counts them. Ends with
-# 77 when no root or no package can be fetched.
+# test_deb.sh PACKAGES SOURCE DIR ARCHITECTURE: installs the three packages of the folder PACKAGES into a fresh copy of
+# the clean root below DIR, compiles the README's host against them in the README's two ways, runs both on a recording
+# that the packaged tool made, and removes the packages without a trace. As root. One line per check; the last line
+# counts them. Ends with 77 when no root or no package can be fetched.
 # shellcheck disable=SC2016,SC2317 # single quotes for an inner shell; functions that check calls
 set -u
 unset CDPATH
@@ -32,7 +32,8 @@ work_in_root()
 }
 
 # Every file of the root: kind, rights, owner, target of a link, and the sum of its content. Left out is what dpkg, apt
-# and ldconfig keep about their work, debconf's copies of the last state but one, and the folder that this test works in.
+# and ldconfig keep about their work, debconf's copies of the last state but one, and the folder that this test works
+# in.
 listing()
 {
     (cd "$root" && find . -path "./srv/quarrin" -prune -o -path ./proc -prune \

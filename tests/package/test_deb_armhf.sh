@@ -1,8 +1,8 @@
 #!/bin/sh
-# test_deb_armhf.sh PACKAGES SOURCE DIR ARCHITECTURE TREE OTHERS: unpacks the three packages for 32-bit ARM, compiles the
-# README's host against them in the README's two ways, with the cross compiler and the tree of armhf packages, and runs
-# tool and hosts under the emulator. Where OTHERS has packages for this machine of the same sources, they are compared. One
-# line per check; the last line counts them.
+# test_deb_armhf.sh PACKAGES SOURCE DIR ARCHITECTURE TREE OTHERS: unpacks the three packages for 32-bit ARM, compiles
+# the README's host against them in the README's two ways, with the cross compiler and the tree of armhf packages, and
+# runs tool and hosts under the emulator. Where OTHERS has packages for this machine of the same sources, they are
+# compared. One line per check; the last line counts them.
 # shellcheck disable=SC2086,SC2317 # lists of words; functions that check calls
 set -u
 unset CDPATH
@@ -31,8 +31,8 @@ unpack_together()
     done
 }
 
-# described DIR ARCHITECTURE TRIPLET: files and dependencies without versions and without what names the architecture. The
-# support library of the compiler is not everywhere.
+# described DIR ARCHITECTURE TRIPLET: files and dependencies without versions and without what names the architecture.
+# The support library of the compiler is not everywhere.
 described()
 {
     for name in $names; do

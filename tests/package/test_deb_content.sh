@@ -1,6 +1,6 @@
 #!/bin/sh
-# test_deb_content.sh PACKAGES SOURCE DIR ARCHITECTURE: looks into the three packages of the folder PACKAGES. One line per
-# check; the last line counts them.
+# test_deb_content.sh PACKAGES SOURCE DIR ARCHITECTURE: looks into the three packages of the folder PACKAGES. One line
+# per check; the last line counts them.
 # shellcheck disable=SC2317 # functions that check calls
 set -u
 unset CDPATH

@@ -81,7 +81,8 @@ protected:
                           }));
     }
 
-    // Ends the session; the packets of video in each of its files, the oldest first. All of them begin with a key frame.
+    // Ends the session; the packets of video in each of its files, the oldest first. All of them begin with a key
+    // frame.
     std::vector<size_t> End(tagQN_RECORD_HANDLER_S *pSession)
     {
         Age(pSession, 30);

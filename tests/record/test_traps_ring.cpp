@@ -1,4 +1,5 @@
-// Frame calls that wait for room in the event ring: they hold nothing that a handler wants, and look at everything anew.
+// Frame calls that wait for room in the event ring: they hold nothing that a handler wants, and look at everything
+// anew.
 
 #include "session_fixture.h"
 

@@ -1,5 +1,5 @@
-// One recording on a card whose every write and flush is logged, with the recorder's notes of what it had handed in, was
-// told to be on the card, and had deleted at which entry of the log. It can be kept and read again.
+// One recording on a card whose every write and flush is logged, with the recorder's notes of what it had handed in,
+// was told to be on the card, and had deleted at which entry of the log. It can be kept and read again.
 #ifndef QUARRIN_TESTS_RELIABILITY_BLOCK_RUN_H
 #define QUARRIN_TESTS_RELIABILITY_BLOCK_RUN_H
 

@@ -1,5 +1,5 @@
-// A small recorder in a process of its own, which can be killed at any moment: it notes in shared memory what it handed to
-// the library. Its clock runs with the frames, so that minutes of film take as long as the writing takes.
+// A small recorder in a process of its own, which can be killed at any moment: it notes in shared memory what it handed
+// to the library. Its clock runs with the frames, so that minutes of film take as long as the writing takes.
 #ifndef QUARRIN_TESTS_RELIABILITY_RECORDER_H
 #define QUARRIN_TESTS_RELIABILITY_RECORDER_H
 

@@ -1,7 +1,7 @@
 // The power cut at every write that reaches the card: what was flushed is there, of the rest anything may be.
 //
-// A recording happens once, in its own time; its log holds everything that a cut may leave of it, and a seed says what a
-// state loses. A recording with a bad state is kept, so that the state can be judged again.
+// A recording happens once, in its own time; its log holds everything that a cut may leave of it, and a seed says what
+// a state loses. A recording with a bad state is kept, so that the state can be judged again.
 
 #include <algorithm>
 #include <cstdlib>
@@ -87,8 +87,8 @@ protected:
         return static_cast<uint32_t>(run.stParam.u64Last - run.stParam.u64First) + 1;
     }
 
-    /// Three of four states are the log up to an entry, each another one; when all have been, and otherwise, something of
-    /// the writes since the last flush is lost.
+    /// Three of four states are the log up to an entry, each another one; when all have been, and otherwise, something
+    /// of the writes since the last flush is lost.
     static WRITE_LOG_CUT_S CutOf(const BLOCK_RUN &run, uint32_t u32State)
     {
         std::vector<size_t> vecPrefixes(Prefixes(run));

@@ -69,8 +69,8 @@ TEST_F(Clock, ADayForwardsSplitsAndLosesNothing)
     EXPECT_EQ(m_u32Given, Found());
 }
 
-// Kept: the time since the begin counts without a sign, so the file is split off at once, and one that ends before it began
-// counts as shorter than five seconds. It goes with a printed line; what is recorded from then on is whole.
+// Kept: the time since the begin counts without a sign, so the file is split off at once, and one that ends before it
+// began counts as shorter than five seconds. It goes with a printed line; what is recorded from then on is whole.
 TEST_F(Clock, AnHourBackSplitsAndDropsTheFileThatWouldEndBeforeItsBegin)
 {
     InitMounted();

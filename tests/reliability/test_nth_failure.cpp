@@ -33,7 +33,8 @@ struct KIND_S
 class NthFailure : public RELIABILITY_TEST, public ::testing::WithParamInterface<KIND_S>
 {
 protected:
-    /// Record, split, stop, list, replay, destroy: sixty pictures in two files and a third that is too short to be kept.
+    /// Record, split, stop, list, replay, destroy: sixty pictures in two files and a third that is too short to be
+    /// kept.
     void RunOnce(QN_FILE_FMT_E enFormat)
     {
         FAKE_PLATFORM_OnCommand([this](const std::string &strLine) { return MakeFolder(strLine); });

@@ -1,5 +1,5 @@
-// The event thread held up under four sessions at 60 pictures a second: for five seconds by a slow trailer, and by a slow
-// mount for QUARRIN_STALL_MS, two seconds by default.
+// The event thread held up under four sessions at 60 pictures a second: for five seconds by a slow trailer, and by a
+// slow mount for QUARRIN_STALL_MS, two seconds by default.
 
 #include <algorithm>
 #include <atomic>

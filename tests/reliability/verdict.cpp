@@ -67,8 +67,8 @@ static void AddSlice(const uint8_t *pu8Nal, size_t uBytes, std::vector<uint8_t> 
     }
 }
 
-// The slices of a picture, whose other parts the containers add and leave out as they like. By start codes, of which the
-// first has four bytes, or with the four-byte lengths of Matroska and MP4, of which none is 1.
+// The slices of a picture, whose other parts the containers add and leave out as they like. By start codes, of which
+// the first has four bytes, or with the four-byte lengths of Matroska and MP4, of which none is 1.
 static std::vector<uint8_t> Slices(const uint8_t *pu8Data, size_t uBytes)
 {
     constexpr size_t LENGTH = 4;

@@ -1,5 +1,5 @@
-// What hosts are told about the library's own files: what a replay says of them, what becomes of raw AAC, and of more than
-// a day in one transport stream. docs/hosts.md has it.
+// What hosts are told about the library's own files: what a replay says of them, what becomes of raw AAC, and of more
+// than a day in one transport stream. docs/hosts.md has it.
 
 #include <string>
 #include <vector>

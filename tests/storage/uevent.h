@@ -1,4 +1,5 @@
-// Sends uevents as the kernel would. They reach every listener of the machine: their device names must be the test's own.
+// Sends uevents as the kernel would. They reach every listener of the machine: their device names must be the test's
+// own.
 #ifndef QUARRIN_TESTS_UEVENT_H
 #define QUARRIN_TESTS_UEVENT_H
 

@@ -129,7 +129,8 @@ void STRESS_CARD::CheckNothingBelow(const char *pszWhen) const
     }
 }
 
-// The paths of the files that the sessions of a handle have open at a pull: all are marked by then. Locks: the lists', as a pull takes them.
+// The paths of the files that the sessions of a handle have open at a pull: all are marked by then. Locks: the lists',
+// as a pull takes them.
 static std::vector<std::string> SessionFiles(tagQN_HANDLER_S *pHandle)
 {
     std::vector<std::string> vecPaths;

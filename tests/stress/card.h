@@ -1,6 +1,6 @@
 // A card of plain folders: what is on it, whether it is in, and the command lines that are run on it. A mount moves the
-// card's folder to the mount directory, an unmount moves it back; so files keep, and what lies below the mount directory
-// without a mount is seen.
+// card's folder to the mount directory, an unmount moves it back; so files keep, and what lies below the mount
+// directory without a mount is seen.
 #ifndef QUARRIN_TESTS_STRESS_CARD_H
 #define QUARRIN_TESTS_STRESS_CARD_H
 

@@ -1,5 +1,5 @@
-// Choices and delays of a stress run. All come from one seed, so that a seed repeats them; what the kernel makes of it is
-// its own. Nothing here synchronises threads: that would hide races from the sanitizer.
+// Choices and delays of a stress run. All come from one seed, so that a seed repeats them; what the kernel makes of it
+// is its own. Nothing here synchronises threads: that would hide races from the sanitizer.
 #ifndef QUARRIN_TESTS_CHANCE_H
 #define QUARRIN_TESTS_CHANCE_H
 

@@ -1,5 +1,5 @@
-// A session or replay that several threads call and one thread ends. The host's rule: no call begins once the end has begun;
-// those that have begun may still be inside.
+// A session or replay that several threads call and one thread ends. The host's rule: no call begins once the end has
+// begun; those that have begun may still be inside.
 #ifndef QUARRIN_TESTS_GUARDED_H
 #define QUARRIN_TESTS_GUARDED_H
 
@@ -75,8 +75,8 @@ private:
     HANDLER *m_pHandler = nullptr;
 };
 
-/// Keeps new calls off until GUARDED_Ended, and waits until every announced one has returned, or with bInside has begun;
-/// what is to be ended. fnCounted tells how many calls the library counts on it. The maker's thread alone.
+/// Keeps new calls off until GUARDED_Ended, and waits until every announced one has returned, or with bInside has
+/// begun; what is to be ended. fnCounted tells how many calls the library counts on it. The maker's thread alone.
 template <typename HANDLER>
 HANDLER *GUARDED_BeginEnd(GUARDED_S<HANDLER> &guarded, bool bInside,
                           const std::function<int32_t(HANDLER *)> &fnCounted = nullptr)

@@ -23,8 +23,8 @@
 static constexpr bool WIDE_TIME = sizeof(time_t) > sizeof(long);
 static constexpr long SETTLED_NS = 30000000;
 
-// Our end of each card's pair; -1: none. Those before it stay open until the handle is gone: somebody may just be sending,
-// and the number of a closed one would be given to another file.
+// Our end of each card's pair; -1: none. Those before it stay open until the handle is gone: somebody may just be
+// sending, and the number of a closed one would be given to another file.
 static std::atomic<int32_t> g_as32Ends[KERNEL_CARDS] = {{-1}, {-1}};
 static std::vector<int32_t> g_avecOld[KERNEL_CARDS]; // the monitor's own, and of who joined it
 

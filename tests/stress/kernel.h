@@ -1,5 +1,6 @@
-// Stands between the library and the kernel, in this program only: uevents come from the test, over a pair of sockets per
-// card, and get lost as a kernel's do; the second that a plug event settles is short; partition tables are read again.
+// Stands between the library and the kernel, in this program only: uevents come from the test, over a pair of sockets
+// per card, and get lost as a kernel's do; the second that a plug event settles is short; partition tables are read
+// again.
 #ifndef QUARRIN_TESTS_KERNEL_H
 #define QUARRIN_TESTS_KERNEL_H
 

@@ -1,5 +1,6 @@
-// Everything at once: cameras, control calls, pulls, mounts, formats that fail, replays, listings, quota checks and moves of
-// damaged files, with random delays in every slot, every command and every plug event. After each round nothing may be left.
+// Everything at once: cameras, control calls, pulls, mounts, formats that fail, replays, listings, quota checks and
+// moves of damaged files, with random delays in every slot, every command and every plug event. After each round
+// nothing may be left.
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// One card, its handle, and the threads of a host that does everything at once for a while. The host keeps its rules: no
-// call on a session or replay begins once its end has begun, and nothing is called while the handle is destroyed.
+// One card, its handle, and the threads of a host that does everything at once for a while. The host keeps its rules:
+// no call on a session or replay begins once its end has begun, and nothing is called while the handle is destroyed.
 #ifndef QUARRIN_TESTS_WORLD_H
 #define QUARRIN_TESTS_WORLD_H
 

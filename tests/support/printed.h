@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
-/// What everything that fn does prints on standard output; without the lines of hotplug monitors, which tell of any device
-/// of the machine that comes or goes meanwhile.
+/// What everything that fn does prints on standard output; without the lines of hotplug monitors, which tell of any
+/// device of the machine that comes or goes meanwhile.
 std::string TEST_Printed(const std::function<void()> &fn);
 
 /// A whole line of the text fits an ECMAScript regular expression.

@@ -29,8 +29,8 @@ std::vector<std::string> PROCESS_DescriptorsBelow(const std::string &strPath);
 /// is tried in a process of its own.
 bool PROCESS_SelectTakes(int32_t s32Fd);
 
-/// Ends the whole process with a message when it lives longer than s32NativeSeconds (times TEST_SLOW): for tests of what might hang, where no
-/// thread is left that could tell.
+/// Ends the whole process with a message when it lives longer than s32NativeSeconds (times TEST_SLOW): for tests of
+/// what might hang, where no thread is left that could tell.
 class PROCESS_LIMIT
 {
 public:

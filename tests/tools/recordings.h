@@ -29,8 +29,8 @@ public:
     /// The one set of this process.
     static RECORDINGS &Get();
 
-    /// Path of a media file: "clip.mp4" H.264 and AAC, 6 s; "clip265.mkv"; "clip.ts"; "long.ts" 5 minutes; "bframes.mp4";
-    /// "ntsc.mp4" 30000/1001 frames/s; "tone.m4a" audio alone; "mpeg2.mpg" nothing that can be recorded.
+    /// Path of a media file: "clip.mp4" H.264 and AAC, 6 s; "clip265.mkv"; "clip.ts"; "long.ts" 5 minutes;
+    /// "bframes.mp4"; "ntsc.mp4" 30000/1001 frames/s; "tone.m4a" audio alone; "mpeg2.mpg" nothing that can be recorded.
     std::string Media(const std::string &strName) const;
 
     /// A recording by its name; begun on the first call, of which there is one per name in Begin.

@@ -1,7 +1,7 @@
 // power_cut DIR: shuts down the ext4 file system that DIR lies on, without writing back what is on its way.
 //
-// For tests of a build for another machine. Their emulator does not know the call; this program is built for the machine
-// that the emulator runs on, and makes it for them.
+// For tests of a build for another machine. Their emulator does not know the call; this program is built for the
+// machine that the emulator runs on, and makes it for them.
 
 #include <cstdint>
 

@@ -1,12 +1,12 @@
 // A memory card for tests: an image file on a loop device of its own, which appears and disappears as a card does.
 //
-// Putting it in adds the loop device and attaches the image: the kernel sends add@ with a path that ends in the device's
-// name. Pulling it makes the kernel send remove@. On a kernel without a parser for DOS tables a watcher thread makes the
-// partition node, as that parser would.
+// Putting it in adds the loop device and attaches the image: the kernel sends add@ with a path that ends in the
+// device's name. Pulling it makes the kernel send remove@. On a kernel without a parser for DOS tables a watcher thread
+// makes the partition node, as that parser would.
 //
-// Nothing but devices made here is ever touched: their numbers are 40 and up, and a note in the card's directory, locked
-// as long as the program lives, says whose they are. A program that is killed leaves a guard process behind that takes
-// its cards away; the next program looks for what even the guard could not.
+// Nothing but devices made here is ever touched: their numbers are 40 and up, and a note in the card's directory,
+// locked as long as the program lives, says whose they are. A program that is killed leaves a guard process behind that
+// takes its cards away; the next program looks for what even the guard could not.
 // Threads: one card is one thread's at a time.
 #ifndef QUARRIN_TESTS_CARD_SIM_CARD_H
 #define QUARRIN_TESTS_CARD_SIM_CARD_H
@@ -82,8 +82,8 @@ public:
     /// Puts the card in. False when the old device is not gone yet, or the kernel refuses.
     bool In();
 
-    /// Pulls the card: mounts of it are detached (but for CARD_PULL_BARE), the device nodes go, remove@ is sent. Open files keep the kernel's
-    /// device alive until they are closed; Gone removes it then.
+    /// Pulls the card: mounts of it are detached (but for CARD_PULL_BARE), the device nodes go, remove@ is sent. Open
+    /// files keep the kernel's device alive until they are closed; Gone removes it then.
     bool Out(CARD_PULL_E enPull);
 
     /// The device is gone entirely. Waits for the last user, at most s32Ms milliseconds.

@@ -50,7 +50,8 @@ extern "C"
     /// Calls of one kind that were touched since FAULTS_Begin.
     int32_t FAULTS_Touched(FAULT_CALL_E enCall);
 
-    /// Tells a function of every rename, unlink and sync below the path from now on; null: none. Stays over FAULTS_Begin.
+    /// Tells a function of every rename, unlink and sync below the path from now on; null: none. Stays over
+    /// FAULTS_Begin.
     void FAULTS_Watch(FAULT_WATCH pfnWatch);
 }
 

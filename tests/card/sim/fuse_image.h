@@ -26,7 +26,8 @@ struct FUSE_CONTROL_S
 class FUSE_IMAGE
 {
 public:
-    /// The image is exported as strDir/card. Every write and flush is logged in strLog (see write_log.h); empty: it is not.
+    /// The image is exported as strDir/card. Every write and flush is logged in strLog (see write_log.h); empty: it is
+    /// not.
     FUSE_IMAGE(const std::string &strImage, const std::string &strDir, const std::string &strLog = "");
     ~FUSE_IMAGE();
     FUSE_IMAGE(const FUSE_IMAGE &) = delete;

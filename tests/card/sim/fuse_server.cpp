@@ -165,8 +165,8 @@ static void Read()
     Answer(sRead < 0 ? errno : 0, s_stServer.acData, sRead < 0 ? 0 : static_cast<size_t>(sRead));
 }
 
-// Before the answer: whoever waits for it reads a count that has this one in it. A log that has no room left is an error
-// of the card's, so that the test sees it.
+// Before the answer: whoever waits for it reads a count that has this one in it. A log that has no room left is an
+// error of the card's, so that the test sees it.
 static int32_t Note(int64_t s64Offset, const char *pcData, uint32_t u32Bytes)
 {
     if (s_stServer.s32Log < 0)

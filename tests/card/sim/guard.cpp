@@ -32,9 +32,9 @@ static std::string Cards()
     return TEST_ScratchBase() + "/" + PREFIX;
 }
 
-// What is mounted here is seen here alone. Whoever makes a mount namespace, as every container does, takes a copy of all
-// mounts that he sees; a file system lives as long as one of its mounts, and a card that was cut and is mounted again
-// would be the dead one still. Copies that came along of other programs' cards are taken off for the same reason.
+// What is mounted here is seen here alone. Whoever makes a mount namespace, as every container does, takes a copy of
+// all mounts that he sees; a file system lives as long as one of its mounts, and a card that was cut and is mounted
+// again would be the dead one still. Copies that came along of other programs' cards are taken off for the same reason.
 __attribute__((constructor)) static void HideMounts()
 {
     if (geteuid() == 0 && unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)

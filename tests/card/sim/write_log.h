@@ -1,6 +1,7 @@
-// The log of a served card: every write and every flush in the order in which the card got them. From it comes any image
-// that a power cut may leave: what was flushed is there; of what came behind, anything may be. The card takes one request
-// after the other, so a write that the kernel had not yet seen answered when it sent the flush counts as flushed too.
+// The log of a served card: every write and every flush in the order in which the card got them. From it comes any
+// image that a power cut may leave: what was flushed is there; of what came behind, anything may be. The card takes one
+// request after the other, so a write that the kernel had not yet seen answered when it sent the flush counts as
+// flushed too.
 // Threads: one log is one thread's at a time.
 #ifndef QUARRIN_TESTS_CARD_SIM_WRITE_LOG_H
 #define QUARRIN_TESTS_CARD_SIM_WRITE_LOG_H
