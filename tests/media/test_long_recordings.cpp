@@ -101,9 +101,12 @@ TEST_F(LongRecordings, AnMp4OfADayAtThirtyFrames)
 TEST_F(LongRecordings, AMatroskaOfADayWithACueEachSecond)
 {
     const std::string strTracks = MkvTrack(1) + MkvTrack(2);
-    const std::string strBlock = Num(0, 2) + Num(0x80, 1) + Picture();
+    // Pictures in the first minute; then what is no more than a mark of one.
+    const std::string strPicture = Num(0, 2) + Num(0x80, 1) + Picture();
+    const std::string strMark = Num(0, 2) + Num(0x80, 1) + Num(0x000000010910, 6);
     const auto Cluster = [&](uint64_t u64Second)
     {
+        const std::string &strBlock = u64Second < 60 ? strPicture : strMark;
         return El(0x1f43b675, Small(0xe7, Num(u64Second * 1000, 4)) + El(0xa3, Num(0x81, 1) + strBlock) +
                                   El(0xa3, Num(0x82, 1) + strBlock));
     };
