@@ -8,6 +8,7 @@
 
 #include <sys/stat.h>
 
+#include "boxes.h"
 #include "ff.h"
 #include "libquarrin.h"
 #include "output.h"
@@ -60,9 +61,19 @@ static const libquarrin::tagQN_FILE_INFO_S *Find(const tagTOOL_NAME_S &stName,
     return nullptr;
 }
 
-/// Why the file cannot be read again; empty when it can. MP4 and MOV cannot without their trailer.
+static bool HasBoxes(const std::string &strPath)
+{
+    const std::string strExt = strPath.substr(strPath.rfind('.') + 1);
+    return strExt == "mp4" || strExt == "mov";
+}
+
+/// Why the file cannot be read again; empty when it can. MP4 and MOV cannot without the whole of their trailer.
 static std::string WhyUnreadable(const std::string &strPath)
 {
+    if (HasBoxes(strPath) && !TOOL_BOXES_AreWhole(strPath))
+    {
+        return "its trailer is missing";
+    }
     AVFormatContext *pFile = nullptr;
     const std::string strUrl = "file:" + strPath; // a colon in the path names no protocol
     int s32Result = avformat_open_input(&pFile, strUrl.c_str(), nullptr, nullptr);

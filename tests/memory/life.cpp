@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <filesystem>
@@ -342,16 +343,20 @@ static void Live(const LIFE_S &stLife, const std::string &strFolder)
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
-// Who called a function through a null pointer: no backtrace finds out.
-static void *CallerOfNull(const void *pContext)
+// Who called through a pointer to what is no code, null or freed memory: no backtrace finds out.
+static void *CallerOfNoCode(const void *pContext)
 {
     const mcontext_t &stMachine = static_cast<const ucontext_t *>(pContext)->uc_mcontext;
+    Dl_info stInfo = {};
 #if defined(__x86_64__)
-    return stMachine.gregs[REG_RIP] != 0 ? nullptr : *reinterpret_cast<void **>(stMachine.gregs[REG_RSP]);
+    const bool bCode = dladdr(reinterpret_cast<void *>(stMachine.gregs[REG_RIP]), &stInfo) != 0;
+    return bCode ? nullptr : *reinterpret_cast<void **>(stMachine.gregs[REG_RSP]);
 #elif defined(__arm__)
-    return stMachine.arm_pc != 0 ? nullptr : reinterpret_cast<void *>(stMachine.arm_lr);
+    const bool bCode = dladdr(reinterpret_cast<void *>(stMachine.arm_pc), &stInfo) != 0;
+    return bCode ? nullptr : reinterpret_cast<void *>(stMachine.arm_lr);
 #else
     (void)stMachine;
+    (void)stInfo;
     return nullptr;
 #endif
 }
@@ -359,7 +364,7 @@ static void *CallerOfNull(const void *pContext)
 static void OnCrash(int s32Signal, siginfo_t *, void *pContext)
 {
     Say("%s: signal %d\n", s_pszStep, s32Signal);
-    void *apFrames[40] = {CallerOfNull(pContext)};
+    void *apFrames[40] = {CallerOfNoCode(pContext)};
     if (apFrames[0] != nullptr)
     {
         backtrace_symbols_fd(apFrames, 1, s_s32Words);

@@ -250,6 +250,10 @@ static void End(CHILD_S &stChild)
             _exit(0);
         }
     }
+    if (stParam.u32KillFrame > 0)
+    {
+        pause(); // the one that kills may be late where processors are busy
+    }
     _exit(2); // nobody killed it
 }
 

@@ -33,11 +33,22 @@ struct KIND_S
 class NthFailure : public RELIABILITY_TEST, public ::testing::WithParamInterface<KIND_S>
 {
 protected:
+    void SetUp() override
+    {
+        RELIABILITY_TEST::SetUp();
+        FAKE_PLATFORM_OnCommand([this](const std::string &strLine) { return MakeFolder(strLine); });
+    }
+
+    void TearDown() override
+    {
+        FAKE_PLATFORM_Reset(); // the commands of the next test are not this one's
+        RELIABILITY_TEST::TearDown();
+    }
+
     /// Record, split, stop, list, replay, destroy: sixty pictures in two files and a third that is too short to be
     /// kept.
     void RunOnce(QN_FILE_FMT_E enFormat)
     {
-        FAKE_PLATFORM_OnCommand([this](const std::string &strLine) { return MakeFolder(strLine); });
         CLOCK_Set((NOON + 100 * ++m_s32Runs) * 1000);
         if (QN_Init(&m_stParam, m_pHandle) != 0)
         {

@@ -176,15 +176,22 @@ TEST(RecordTest, SplitsAtKeyFramesAndThrowsAShortRestAway)
     const std::vector<std::string> vecNames = stRecording.Names();
     ASSERT_EQ(2u, vecNames.size()) << stRecording.pTool->Err();
     EXPECT_EQ(stRecording.Path(0) + "\n" + stRecording.Path(1) + "\n", stRecording.pTool->Out());
-    EXPECT_NE(std::string::npos, stRecording.pTool->Err().find("was shorter than 5 s and was thrown away\n"));
     EXPECT_EQ(vecNames[0].substr(TIME_LEN + 4, TIME_LEN), vecNames[1].substr(0, TIME_LEN)) << "no gap between files";
+    size_t pictures = 0;
     for (size_t u = 0; u < vecNames.size(); u++)
     {
         EXPECT_EQ(".[door].mkv", vecNames[u].substr(2 * TIME_LEN + 4));
         ExpectPlayable(stRecording.Path(u), AV_CODEC_ID_H264);
-        const TEST_MEDIA_S stMedia = TEST_ReadMedia(stRecording.Path(u));
-        EXPECT_NEAR(125.0, static_cast<double>(VideoOf(stMedia).size()), 25.0); // 5 s, a key frame more or less
+        libquarrin::tagQN_FILE_INFO_S stInfo;
+        ASSERT_EQ(0, libquarrin::QN_STORAGE_GetFileInfo(stRecording.Path(u).c_str(), &stInfo));
+        EXPECT_GE(stInfo.tEnd - stInfo.tStart, 5);
+        pictures += VideoOf(TEST_ReadMedia(stRecording.Path(u))).size();
     }
+    // Eleven seconds of film, a key frame more or less. On a busy machine pictures come late: they are in the second file
+    // then, and the rest is shorter, or there is none.
+    const bool bRest = stRecording.pTool->Err().find("was shorter than 5 s and was thrown away\n") != std::string::npos;
+    EXPECT_LE(pictures, 300u);
+    EXPECT_GE(pictures, bRest ? 150u : 250u);
 }
 
 TEST(RecordTest, MakesH265ForMatroska)

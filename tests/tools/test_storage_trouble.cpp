@@ -105,7 +105,7 @@ TEST_F(MountedFolder, ReportsNoFileWhoseTrailerFoundNoRoom)
     const TOOL_RESULT_S stResult = TOOL_Run({"record", strLong, "--storage", m_strFolder, "--format", "mp4"});
     EXPECT_EQ(1, stResult.s32Status);
     EXPECT_EQ("", stResult.strOut);
-    EXPECT_EQ(1u, Count(stResult.strErr, ".mp4 cannot be read again: ")) << stResult.strErr;
+    EXPECT_EQ(1u, Count(stResult.strErr, ".mp4 cannot be read again: its trailer is missing\n")) << stResult.strErr;
     EXPECT_EQ(1u, TEST_List(m_strFolder + "/rec").size()); // under a finished name, as the library left it
 }
 
