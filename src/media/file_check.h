@@ -14,7 +14,7 @@ namespace libquarrin
 /// MP4, MOV: the samples of all tracks, each as often as its track is cut, are at most one for each byte of the file;
 /// every table fits its box; there are some thousand boxes at most. Matroska: tags and chapters are of moderate size,
 /// tracks few, cues in their order but for some, frames not compressed once more, copies of what is beside them few;
-/// and nothing is hidden where FFmpeg would look after an error.
+/// what FFmpeg would find only after an error counts too.
 /// Everything else, and what cannot be read, is FFmpeg's to judge: true.
 ///
 /// Blocks: for some short reads of the file.

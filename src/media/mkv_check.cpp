@@ -151,32 +151,33 @@ static bool TakeRest(tagMKV_S &stMkv, uint64_t u64At, uint64_t &u64Left)
     return true;
 }
 
-// Up to the first cluster, whose place is left in u64At.
+// Up to the first cluster, whose place is left in u64At. Where FFmpeg may come to an error, it begins anew and goes
+// from id to id.
 static bool TakeHeader(tagMKV_S &stMkv, const tagELEMENT_S &stSegment, uint64_t &u64At)
 {
     uint64_t u64Left = MAX_SEARCH;
     uint32_t u32Elements = 0;
+    bool bSound = true;
     tagELEMENT_S stElement = {};
     for (; u64At < stSegment.u64End; u64At = stElement.u64End)
     {
-        if (!MKV_ReadElement(stMkv.stBytes, u64At, stSegment.u64End, stElement))
+        const bool bRead = MKV_ReadElement(stMkv.stBytes, u64At, stSegment.u64End, stElement);
+        bSound = bSound && bRead;
+        if (!bRead || stElement.u32Id == MKV_CLUSTER)
         {
-            return TakeRest(stMkv, u64At, u64Left);
+            break;
         }
-        if (stElement.u32Id == MKV_CLUSTER)
-        {
-            return true;
-        }
-        const bool bSound =
-            stElement.u32Id == MKV_SEEK_HEAD
-                ? IsSound(stMkv, stElement)
-                : FindLevel1(stMkv.stBytes, stElement.u64Begin, stElement.u64End, u64Left) >= stElement.u64End;
-        if (++u32Elements > MAX_LEVEL1 || !bSound || !MKV_TakeElement(stMkv, stElement))
+        bSound = bSound &&
+                 (stElement.u32Id == MKV_SEEK_HEAD
+                      ? IsSound(stMkv, stElement)
+                      : FindLevel1(stMkv.stBytes, stElement.u64Begin, stElement.u64End, u64Left) >= stElement.u64End);
+        if (++u32Elements > MAX_LEVEL1 || !MKV_TakeElement(stMkv, stElement))
         {
             return false;
         }
     }
-    return true;
+    u64Left = MAX_SEARCH;
+    return bSound || TakeRest(stMkv, stSegment.u64Begin, u64Left);
 }
 
 // The groups of a cluster; the place behind it is left in u64At.

@@ -11,8 +11,7 @@ namespace libquarrin
 /// The file asks FFmpeg (5.1) for no more than a file of its size may: see FFREAD_IsModest.
 ///
 /// FFmpeg goes from element to element up to the first cluster, and to what the seek heads name. Where that fails it
-/// looks for the ids of the first level byte by byte, from the begin; so such ids stand nowhere else in a header that
-/// passes.
+/// looks for the ids of the first level byte by byte, from the begin; where it may fail, both ways are looked at.
 bool FFREAD_IsModestMatroska(tagFILE_BYTES_S &stBytes);
 
 } // namespace libquarrin

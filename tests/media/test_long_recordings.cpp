@@ -74,7 +74,7 @@ std::string Numbers(uint64_t u64Count, int32_t s32Bytes, const std::function<uin
 TEST_F(LongRecordings, AnMp4OfADayAtThirtyFrames)
 {
     constexpr uint64_t SAMPLES = SECONDS * FPS;
-    constexpr uint64_t DATA = 100 << 20; // the tables are before it
+    constexpr uint64_t DATA = 44 << 20; // the tables are before it
     const std::string strPicture = Picture();
     TRACK_S st;
     st.strSizes =
