@@ -124,6 +124,21 @@ TEST_F(MountedFolder, SaysThatAShortFileCouldNotBeRemoved)
     EXPECT_EQ(0, umount(strPath.c_str()));
 }
 
+TEST_F(MountedFolder, SaysThatAFileCouldNotBeFinished)
+{
+    TOOL_START_S stStart;
+    stStart.vecArgs = {"record", "test", "--storage", m_strFolder, "--format", "ts"};
+    TOOL_PROCESS tool(stStart);
+    ASSERT_TRUE(tool.WaitForProgress(6)) << tool.Err();
+    const std::string strPath = m_strFolder + "/rec/" + TEST_List(m_strFolder + "/rec").at(0);
+    ASSERT_EQ(0, mount("/dev/null", strPath.c_str(), nullptr, MS_BIND, nullptr)); // nor is it renamed
+    tool.Signal(SIGINT);
+    EXPECT_EQ(1, tool.Wait());
+    EXPECT_EQ(1u, Count(tool.Err(), " could not be finished\n")) << tool.Err();
+    EXPECT_EQ("", tool.Out());
+    EXPECT_EQ(0, umount(strPath.c_str()));
+}
+
 TEST(LinkedFolder, OfRecordingsIsRefusedInOneLineByEveryCommand)
 {
     const std::string strFolder = RECORDINGS::Get().NewFolder();
