@@ -33,26 +33,38 @@ static bool MountLocked(tagQN_HANDLER_S *pHandle, const char *pszFunc)
     return true;
 }
 
+// Mounts a device that is there; the caller holds mutexState. False: there is none, or no mount.
+static bool PlugLocked(tagQN_HANDLER_S *pHandle)
+{
+    constexpr const char *FUNC = "QN_EVENT_HandleHotplugIn";
+    const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
+    QN_EVENT_NotePresence(pHandle, bDevice);
+    if (!bDevice)
+    {
+        QN_LOG_ERROR_AS(FUNC, "OOPs, trigger hotplug-in event but device %s not found!", pHandle->strDevice.c_str());
+        pHandle->enState = QN_STATE_E_UNPLUGIN;
+        return false;
+    }
+    if (QN_STORAGE_CheckPartitionExist(pHandle->strDevice.c_str(), QN_CARD_PartitionNo(pHandle)) != 0)
+    {
+        QN_LOG_ERROR_AS(FUNC, "partition not found!");
+        pHandle->enState = QN_STATE_E_PLUGIN;
+        return false;
+    }
+    return MountLocked(pHandle, FUNC);
+}
+
 int32_t QN_EVENT_HandleHotplugIn(tagQN_HANDLER_S *pHandle)
 {
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-        const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
-        QN_EVENT_NotePresence(pHandle, bDevice);
-        if (!bDevice)
+        const bool bWasMounted = pHandle->enState.load() == QN_STATE_E_MOUNTED;
+        if (!PlugLocked(pHandle))
         {
-            QN_LOG_ERROR("OOPs, trigger hotplug-in event but device %s not found!", pHandle->strDevice.c_str());
-            pHandle->enState = QN_STATE_E_UNPLUGIN;
-            return 0;
-        }
-        if (QN_STORAGE_CheckPartitionExist(pHandle->strDevice.c_str(), QN_CARD_PartitionNo(pHandle)) != 0)
-        {
-            QN_LOG_ERROR("partition not found!");
-            pHandle->enState = QN_STATE_E_PLUGIN;
-            return 0;
-        }
-        if (!MountLocked(pHandle, __func__))
-        {
+            if (bWasMounted)
+            {
+                QN_CARD_LeaveMounted(pHandle);
+            }
             return 0;
         }
     }

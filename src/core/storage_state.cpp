@@ -166,7 +166,7 @@ static void UnmountLocked(tagQN_HANDLER_S *pHandle)
 void QN_STORAGE_UnmountAtEnd(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-    if (pHandle->enState.load() == QN_STATE_E_MOUNTED)
+    if (pHandle->enState.load() == QN_STATE_E_MOUNTED || QN_CARD_IsLeftMounted(pHandle))
     {
         UnmountLocked(pHandle);
     }
@@ -175,7 +175,8 @@ void QN_STORAGE_UnmountAtEnd(tagQN_HANDLER_S *pHandle)
 void QN_STORAGE_UnmountLate(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-    if (pHandle->enState.load() == QN_STATE_E_MOUNTED && !QN_CARD_IsUnmounted(pHandle))
+    const bool bMounted = pHandle->enState.load() == QN_STATE_E_MOUNTED && !QN_CARD_IsUnmounted(pHandle);
+    if (bMounted || QN_CARD_IsLeftMounted(pHandle))
     {
         UnmountLocked(pHandle);
     }

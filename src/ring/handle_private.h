@@ -47,7 +47,8 @@ struct tagQN_HANDLER_PRIVATE_S
     std::list<std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S>> lstSplits; ///< split off and not finished yet
     std::list<QN_FRAME_OUT> lstFramesOut;                           ///< one of each open replay
     uint32_t u32Commands = 0; ///< commands of ours that run below the mount point; they begin through the card gate
-    std::atomic<bool> bUnmounted{false}; ///< an unmount line of ours was issued, and nothing mounted since
+    std::atomic<bool> bLeftMounted{false}; ///< see QN_CARD_LeaveMounted
+    std::atomic<bool> bUnmounted{false};   ///< an unmount line of ours was issued, and nothing mounted since
     /// When to check a volume again whose file system did not tell its size, or for whose list there was no memory,
     /// CLOCK_MONOTONIC; 0: not.
     int64_t as64QuotaAgainUs[QN_VOLUME_COUNT] = {};

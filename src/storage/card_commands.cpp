@@ -81,6 +81,7 @@ bool QN_CARD_Mount(tagQN_HANDLER_S *pHandle)
     {
         return false;
     }
+    pHandle->pstPrivate->bLeftMounted = false;
     pHandle->pstPrivate->bUnmounted = false;
     QN_VOLUME_NewMount(pHandle);
     return true;
@@ -90,6 +91,7 @@ void QN_CARD_Unmount(tagQN_HANDLER_S *pHandle, bool bGone)
 {
     WaitForCommands(pHandle, bGone);
     // Before the line: a command that was given up may come to its next one meanwhile.
+    pHandle->pstPrivate->bLeftMounted = false;
     pHandle->pstPrivate->bUnmounted = true;
     (void)QN_STORAGE_PartitionUnmount(pHandle->pszMountPoint.c_str()); // the caller's state changes either way
 }
@@ -97,6 +99,16 @@ void QN_CARD_Unmount(tagQN_HANDLER_S *pHandle, bool bGone)
 bool QN_CARD_IsUnmounted(const tagQN_HANDLER_S *pHandle)
 {
     return pHandle->pstPrivate->bUnmounted.load();
+}
+
+void QN_CARD_LeaveMounted(tagQN_HANDLER_S *pHandle)
+{
+    pHandle->pstPrivate->bLeftMounted = true;
+}
+
+bool QN_CARD_IsLeftMounted(const tagQN_HANDLER_S *pHandle)
+{
+    return pHandle->pstPrivate->bLeftMounted.load();
 }
 
 } // namespace libquarrin

@@ -34,6 +34,12 @@ void QN_CARD_Unmount(tagQN_HANDLER_S *pHandle, bool bGone);
 /// card's. False before the first unmount. To be asked between begin and end of a command, or with the gate held.
 bool QN_CARD_IsUnmounted(const tagQN_HANDLER_S *pHandle);
 
+/// A handler takes enState away from a mounted card without an unmount line: nobody would unmount it any more.
+void QN_CARD_LeaveMounted(tagQN_HANDLER_S *pHandle);
+
+/// That happened, and neither an unmount line nor a mount came since.
+bool QN_CARD_IsLeftMounted(const tagQN_HANDLER_S *pHandle);
+
 } // namespace libquarrin
 
 #endif

@@ -116,6 +116,31 @@ TEST_F(LateMount, OfACardThatWasMountedAlreadyIsTakenOffOnceMore)
     EXPECT_EQ(UnmountLine(), FAKE_PLATFORM_Commands().back());
 }
 
+TEST_F(LateMount, ThatALaterHotplugInLosesSightOfIsTakenOffAtTheEndOfTheHandle)
+{
+    ASSERT_NO_FATAL_FAILURE(InitPlugged());
+    Push(QN_EVENT_E_HOTPLUG_IN);
+    ASSERT_TRUE(WaitForState(QN_STATE_E_MOUNTED));
+    std::filesystem::remove(m_strDevice); // pulled, and nobody has told yet
+    Push(QN_EVENT_E_HOTPLUG_IN);
+    ASSERT_TRUE(WaitForState(QN_STATE_E_UNPLUGIN));
+    EXPECT_EQ(0, FAKE_PLATFORM_CommandCount(UnmountLine()));
+    EXPECT_EQ(0u, QN_Destroy(m_pHandle));
+    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount(UnmountLine()));
+}
+
+TEST_F(LateMount, ThatCannotBeMadeTwiceIsTakenOffAtTheEndOfTheHandle)
+{
+    ASSERT_NO_FATAL_FAILURE(InitPlugged());
+    Push(QN_EVENT_E_HOTPLUG_IN);
+    ASSERT_TRUE(WaitForState(QN_STATE_E_MOUNTED));
+    FAKE_PLATFORM_Answer("; mount ", 32);
+    Push(QN_EVENT_E_HOTPLUG_IN);
+    ASSERT_TRUE(WaitForState(QN_STATE_E_PLUGIN));
+    EXPECT_EQ(0u, QN_Destroy(m_pHandle));
+    EXPECT_EQ(1, FAKE_PLATFORM_CommandCount(UnmountLine()));
+}
+
 TEST_F(LateMount, ThatAHotplugOutTakesOffIsNotTakenOffTwice)
 {
     ASSERT_NO_FATAL_FAILURE(InitPlugged());

@@ -97,6 +97,7 @@ TEST_F(Teardown, ClosesSessionsThenUnmountsThenStopsHotplugThenEvents)
     MakeRunningSession("a");
     tagQN_REPLAY_HANDLER_S *pReplay = MakeReplay();
     ASSERT_NE(nullptr, pReplay);
+    ASSERT_TRUE(TEST_WaitFor([] { return PROCESS_HasThread("qnt:event") && PROCESS_HasThread("qnt:hotplug"); }));
     std::string strAtUmount;
     FAKE_PLATFORM_OnCommand(
         [&](const std::string &strCommand)
