@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """mutate.py N [SEED] [all]: changes src/ in N small ways, one at a time, and gives each to the tests of its folder.
+mutate.py again [all]: gives the survivors of the last run to the tests as they are now, once more.
 
 Works on a copy of the tree below build/mutate. A change that does not compile, or compiles to the same code, is not
 counted. One is killed when a test fails, twice in a row, or ends by a signal, or hangs. With `all`, what survives the
@@ -27,8 +28,11 @@ FOLDERS = ["core", "media", "photo", "record", "replay", "storage", "util"]  # e
 TESTED_BY = {"ring": "core"}  # folders of src/ that the program of another one tests
 OBJECTS = "CMakeFiles/quarrin.dir/"
 SHARDS = 6  # of one program, side by side: tests mostly wait
+WORKERS = 2 * (os.cpu_count() or 1)  # for the same reason
+HEAD_START = 12  # so many of the tests that killed before come before all others
 ROOT = os.path.abspath("build/mutate")
 SOURCE = ROOT + "/source"
+SURVIVORS = ROOT + "/survivors.json"
 TREE = ROOT + "/tree"
 RUNNING = set()  # leaders of the process groups under way
 
@@ -143,18 +147,16 @@ class Worker:
         command = ["%s/tests/test_%s" % (TREE, folder)]
         environment = dict(os.environ, LD_LIBRARY_PATH=os.path.dirname(self.library), GTEST_FAIL_FAST="1",
                            GTEST_BRIEF="1", **variables)
-        log = open("%s/%s.log" % (self.root, variables.get("GTEST_SHARD_INDEX", "alone")), "w+")
+        log = open("%s/%s.log" % (self.root, variables["GTEST_SHARD_INDEX"]), "w+", errors="replace")
         process = subprocess.Popen(self.in_own_tmp(command) if self.isolated else command, env=environment, stdout=log,
                                    stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, start_new_session=True)
         RUNNING.add(process.pid)
         return process, log
 
-    def run(self, folder, limit, left_out=(), alone=None):
-        """Runs a program, or one test of it. Returns None, or what failed: (how, test)."""
-        variables = [{"GTEST_TOTAL_SHARDS": str(SHARDS), "GTEST_SHARD_INDEX": str(shard),
-                      "GTEST_FILTER": "-" + ":".join(left_out)} for shard in range(SHARDS)]
-        if alone:
-            variables = [{"GTEST_FILTER": alone}]
+    def run(self, folder, limit, tests, shards=SHARDS):
+        """Runs the tests of a program that a filter names. Returns None, or what failed: (how, test)."""
+        variables = [{"GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(shard), "GTEST_FILTER": tests}
+                     for shard in range(shards)]
         running = [self.start(folder, each) for each in variables]
         end, outcome = time.monotonic() + limit, None
         waiting = list(running)
@@ -178,16 +180,20 @@ class Worker:
         os.makedirs(self.root + "/tmp")
         return outcome
 
-    def judge(self, folder, limit):
-        """None when the tests let the change pass, otherwise how they killed it."""
+    def judge(self, folder, limit, first=()):
+        """None when the tests let the change pass, otherwise how and by which test they killed it."""
         once = []
+        tests = ":".join(first) or "*"
         while True:
-            outcome = self.run(folder, limit, once)
-            if outcome is None:
+            outcome = self.run(folder, limit, tests + "-" + ":".join(once))
+            if outcome is None and tests == "*":
                 return None
+            if outcome is None:
+                tests = "*"
+                continue
             how, test = outcome
-            if test is None or test in once or self.run(folder, limit, alone=test) is not None:
-                return "%s: %s" % (folder, test or how)
+            if test is None or test in once or self.run(folder, limit, test, 1) is not None:
+                return how, test
             once.append(test)  # by the machine's load, perhaps; the others decide
 
 
@@ -234,29 +240,29 @@ def difference(change):
 class Campaign:
     """Hands changes out in the order of the seed until so many were tried."""
 
-    def __init__(self, build, number, seed, everywhere):
-        self.build, self.number, self.everywhere = build, number, everywhere
-        self.order = all_changes()
-        random.Random(seed).shuffle(self.order)
+    def __init__(self, build, order, number, everywhere):
+        self.build, self.order, self.number, self.everywhere = build, order, number, everywhere
         self.lock = threading.Lock()
         self.next = self.tried = self.under_way = 0
         self.killed, self.killed_elsewhere, self.survivors = [], [], []
         self.limits = {}
+        self.killers = {}  # of each folder: its tests that killed, each with the file it was in; the last comes first
         self.report = open(ROOT + "/report.txt", "w")
 
     def say(self, text):
         print(text, flush=True)
         print(text, file=self.report, flush=True)
 
-    def measure(self, worker):
-        """How long each program takes; none may fail before a change was made."""
-        shutil.copy(TREE + "/libquarrin.so.1", worker.library)
+    def measure(self, pool, workers):
+        """How long each program takes beside others; none may fail before a change was made."""
+        for worker in workers:
+            shutil.copy(TREE + "/libquarrin.so.1", worker.library)
         for folder in FOLDERS:
             began = time.monotonic()
-            how = worker.judge(folder, 600)
+            for how in list(pool.map(lambda worker: worker.judge(folder, 600), workers)):
+                if how:
+                    sys.exit("mutate: the tests of the unchanged tree fail: %s: %s %s" % (folder, *how))
             taken = time.monotonic() - began
-            if how:
-                sys.exit("mutate: the tests of the unchanged tree fail: " + how)
             self.limits[folder] = 20 + 4 * taken
             self.say("test_%s: %.0f s" % (folder, taken))
 
@@ -271,15 +277,30 @@ class Campaign:
             self.next += 1
             return self.order[self.next - 1]
 
+    def judge(self, worker, folder, change):
+        """As a worker's. The tests that killed in the same file come first, then those of others."""
+        with self.lock:
+            killers = sorted(self.killers.get(folder, []), key=lambda killer: killer[1] != change.path)
+        first = list(dict.fromkeys(test for test, _ in killers))[:HEAD_START]
+        outcome = worker.judge(folder, self.limits[folder], first)
+        if outcome is None:
+            return None
+        how, test = outcome
+        if test:
+            with self.lock:
+                killers = self.killers.setdefault(folder, [])
+                killers[:] = [(test, change.path)] + [killer for killer in killers if killer != (test, change.path)]
+        return "%s: %s" % (folder, test or how)
+
     def try_one(self, worker, change):
         if not worker.make(change.path, changed_text(change)[1]):
             return
         own = change.path.split("/")[1]
         own = TESTED_BY.get(own, own)
-        how = worker.judge(own, self.limits[own])
+        how = self.judge(worker, own, change)
         elsewhere = None
         for folder in FOLDERS if how is None and self.everywhere else []:
-            elsewhere = elsewhere or (worker.judge(folder, self.limits[folder]) if folder != own else None)
+            elsewhere = elsewhere or (self.judge(worker, folder, change) if folder != own else None)
         with self.lock:
             self.tried += 1
             line = changed_text(change)[0].count("\n", 0, change.start) + 1
@@ -313,6 +334,8 @@ class Campaign:
             self.say("\nKilled by the tests of another folder alone:")
             for change, how in sorted(self.killed_elsewhere):
                 self.say("\n%s\n%s" % (how, difference(change)))
+        with open(SURVIVORS, "w") as file:
+            json.dump([mark(change) for change in sorted(self.survivors)], file)
         if self.survivors:
             self.say("\nSurvivors:")
             for change in sorted(self.survivors):
@@ -321,18 +344,43 @@ class Campaign:
             len(self.killed), self.tried, len(self.killed_elsewhere), len(self.survivors)))
 
 
+def mark(change):
+    """What a change is, wherever its lines stand by now."""
+    return [change.path, change.kind, re.sub(r"^@@.*$", "", difference(change), flags=re.M)]
+
+
+def last_survivors():
+    with open(SURVIVORS) as file:
+        marks = json.load(file)
+    paths, found = {path for path, _, _ in marks}, []
+    for change in all_changes():
+        own = mark(change) if change.path in paths else None
+        if own in marks:
+            marks.remove(own)
+            found.append(change)
+    return found, marks
+
+
 def main():
-    number, seed = int(sys.argv[1]), int(sys.argv[2] if len(sys.argv) > 2 else time.time())
-    everywhere = sys.argv[3:] == ["all"]
+    everywhere = sys.argv[-1] == "all"
+    words = sys.argv[1:-1] if everywhere else sys.argv[1:]
     os.makedirs(ROOT, exist_ok=True)
     signal.signal(signal.SIGINT, stop)
     signal.signal(signal.SIGTERM, stop)
     build = Build()
-    campaign = Campaign(build, number, seed, everywhere)
-    campaign.say("./run mutate %d %d%s repeats this" % (number, seed, " all" if everywhere else ""))
-    workers = [Worker(build, each) for each in range(os.cpu_count() or 1)]
-    campaign.measure(workers[0])
+    if words == ["again"]:
+        order, gone = last_survivors()
+        number, title = len(order), "the survivors of the last run; %d are of lines that are gone" % len(gone)
+    else:
+        number, seed = int(words[0]), int(words[1] if len(words) > 1 else time.time())
+        order = all_changes()
+        random.Random(seed).shuffle(order)
+        title = "./run mutate %d %d%s repeats this" % (number, seed, " all" if everywhere else "")
+    campaign = Campaign(build, order, number, everywhere)
+    campaign.say(title)
+    workers = [Worker(build, each) for each in range(WORKERS)]
     with concurrent.futures.ThreadPoolExecutor(len(workers)) as pool:
+        campaign.measure(pool, workers)
         for each in [pool.submit(campaign.work, worker) for worker in workers]:
             each.result()
     campaign.end()
