@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "core/core_test.h"
+#include "support/mutex_hold.h"
 
 using namespace libquarrin;
 
@@ -205,6 +206,21 @@ TEST_F(FormatPulled, StillTellsItsEndWhileNoOtherFormatHasBegun)
     m_s32Allowed = 1;
     EXPECT_TRUE(FAKE_PLATFORM_WaitLogged("OOPs, trigger format-failed event but not in FORMATING!"));
     EXPECT_EQ(QN_STATE_E_PLUGIN, State());
+}
+
+TEST_F(FormatPulled, WaitsForRoomWithoutAskingForItAgainAndAgain)
+{
+    ASSERT_NO_FATAL_FAILURE(InitPlugged());
+    HoldCommands("fdisk", 1);
+    ASSERT_NO_FATAL_FAILURE(BeginFormat());
+    ASSERT_NO_FATAL_FAILURE(StallDispatcher());
+    FillRing();
+    m_s32Allowed = 1;
+    ASSERT_TRUE(FAKE_PLATFORM_WaitLogged("make partition table failed"));
+    MUTEX_HOLD_Watch(&m_pHandle->mutexEvent);
+    EXPECT_FALSE(TEST_WaitFor([] { return MUTEX_HOLD_Watched() > 10; }, 100)); // the begin of the post takes three
+    ReleaseDispatcher();
+    EXPECT_TRUE(WaitForState(QN_STATE_E_PLUGIN));
 }
 
 TEST_F(FormatPulled, WaitsForRoomWithoutHoldingUpTheEndOfTheHandle)

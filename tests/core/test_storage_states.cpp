@@ -262,6 +262,35 @@ TEST_F(StorageStates, IgnoreTheEndOfAFormatThatDoesNotRun)
     EXPECT_TRUE(FAKE_PLATFORM_Commands().empty());
 }
 
+TEST_F(StorageStates, AreNoMatterOfAHandlersResult)
+{
+    m_stParam.astVolume[0].bEnable = 0;
+    InitUnplugged();
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugIn(m_pHandle)); // no device
+    TEST_Touch(m_strDevice);
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugIn(m_pHandle)); // no partition
+    EXPECT_EQ(QN_STATE_E_PLUGIN, State());
+    TEST_Touch(m_strPartition);
+    for (const int32_t s32Mount : {1, 0})
+    {
+        FAKE_PLATFORM_Answer("; mount ", s32Mount);
+        EXPECT_EQ(0, QN_EVENT_HandleHotplugIn(m_pHandle));
+        EXPECT_EQ(s32Mount == 0 ? QN_STATE_E_MOUNTED : QN_STATE_E_PLUGIN, State());
+        SetState(QN_STATE_E_FORMATING);
+        EXPECT_EQ(0, QN_EVENT_HandleFormatSuccess(m_pHandle));
+        EXPECT_EQ(s32Mount == 0 ? QN_STATE_E_MOUNTED : QN_STATE_E_PLUGIN, State());
+    }
+    EXPECT_EQ(0, QN_EVENT_HandleFormatSuccess(m_pHandle)); // no format
+    EXPECT_EQ(0, QN_EVENT_HandleFormatFailed(m_pHandle));
+    EXPECT_EQ(QN_STATE_E_MOUNTED, State());
+    EXPECT_EQ(0, QN_EVENT_HandleMountDone(m_pHandle));
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+    SetState(QN_STATE_E_FORMATING);
+    EXPECT_EQ(0, QN_EVENT_HandleFormatFailed(m_pHandle));
+    EXPECT_EQ(QN_STATE_E_PLUGIN, State());
+    SetState(QN_STATE_E_UNPLUGIN);
+}
+
 TEST_F(StorageStates, StopSessionsAndCloseReadersWhenTheCardIsPulled)
 {
     InitMounted();

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "core/core_test.h"
+#include "support/mutex_hold.h"
 
 using namespace libquarrin;
 
@@ -259,6 +260,7 @@ TEST_F(Teardown, LeavesAFormatThatStillRunsAlone)
     InitUnplugged();
     TEST_Touch(m_strDevice);
     TEST_Touch(m_strPartition);
+    const int32_t s32Threads = PROCESS_ThreadCount() - 2;
     for (const char *pszStall : {"fdisk", "mkfs"})
     {
         if (m_pHandle == nullptr)
@@ -271,9 +273,13 @@ TEST_F(Teardown, LeavesAFormatThatStillRunsAlone)
         FAKE_PLATFORM_Stall(pszStall);
         EXPECT_EQ(0u, QN_StorageFormat(m_pHandle, QN_FS_TYPE_E_EXT4));
         ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+        const pthread_mutex_t *pGone = &m_pHandle->mutexEvent;
         EXPECT_EQ(0u, QN_Destroy(m_pHandle)); // does not wait for the worker
+        MUTEX_HOLD_Watch(pGone);
         FAKE_PLATFORM_Release();
         EXPECT_TRUE(FAKE_PLATFORM_WaitLogged("make partition fs success", 30000)); // and it ends on its own
+        EXPECT_TRUE(TEST_WaitFor([s32Threads] { return PROCESS_ThreadCount() <= s32Threads; }, 30000));
+        EXPECT_EQ(0, MUTEX_HOLD_Watched()) << "it posted to a handle that is gone";
         EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("umount"));
     }
 }

@@ -251,3 +251,22 @@ TEST_F(Unmount, IsNotOvertakenByAReplayOrAStart)
     EXPECT_TRUE(open.WaitDone());
     EXPECT_EQ(nullptr, pReplay);
 }
+
+TEST_F(Unmount, RefusesASessionThatCameWhileItWaited)
+{
+    InitMounted();
+    SYSTEM_CALLS_HoldListing(Folder(1));
+    std::vector<tagQN_FILE_INFO_S> vecFiles;
+    BACKGROUND list([&] { EXPECT_EQ(0u, QN_ReplayListFile(m_pHandle, QN_VOLUME_ID_E_1, &vecFiles)); });
+    ASSERT_TRUE(SYSTEM_CALLS_WaitListingHeld());
+    BACKGROUND unmount([this] { EXPECT_EQ(3u, QN_StorageUnMount(m_pHandle)); });
+    EXPECT_TRUE(unmount.StaysBusy());
+    EXPECT_FALSE(FAKE_PLATFORM_Logged("handler is not idle"));
+    tagQN_RECORD_HANDLER_S *pSession = MakeSession();
+    SYSTEM_CALLS_ReleaseListing();
+    EXPECT_TRUE(unmount.WaitDone());
+    EXPECT_TRUE(FAKE_PLATFORM_LoggedExactly(3, "QN_StorageUnMount", "handler is not idle"));
+    EXPECT_EQ(QN_STATE_E_MOUNTED, State());
+    EXPECT_EQ(0, FAKE_PLATFORM_CommandCount("umount"));
+    EXPECT_EQ(0u, QN_RecordDestroy(pSession));
+}

@@ -51,6 +51,12 @@ protected:
 
     /// The same for a file that is there.
     void ExpectModestFile(libquarrin::QN_FILE_FMT_E enFormat, const std::string &strWhat, bool bOpens = false);
+
+    /// What the file speaks of cannot be in it: it is not opened, and that is soon told.
+    void ExpectRefused(const std::string &strBytes, libquarrin::QN_FILE_FMT_E enFormat, const std::string &strWhat);
+
+private:
+    bool m_bOpened = false; ///< the latest one
 };
 
 #endif

@@ -61,6 +61,20 @@ TEST_F(MuxerFrames, ALengthOfZeroIsAnEmptyPacketThatCounts)
     EXPECT_EQ((std::vector<int64_t>{0, 7200}), TEST_Stamps(Finish()));
 }
 
+TEST_F(MuxerFrames, ALengthWithoutBytesIsLeftOutAndDoesNotCount)
+{
+    Open(H264(2));
+    WriteOne(TEST_EncodeH264()[0], true, 1);
+    for (const uint32_t u32Len : {1u, 2u, 100000u})
+    {
+        EXPECT_EQ(0, FFMUXER_WriteFrame(m_pWriter, nullptr, u32Len, 2, false, true));
+    }
+    WriteOne(TEST_EncodeH264()[1], true, 3);
+    EXPECT_EQ(0, FFMUXER_WriteFrame(m_pWriter, nullptr, 0, 4, false, true)); // as any frame without bytes
+    WriteOne(TEST_EncodeH264()[2], true, 5);
+    EXPECT_EQ((std::vector<int64_t>{0, 3600, 10800}), TEST_Stamps(Finish()));
+}
+
 TEST_F(MuxerFrames, EmptyPacketsBreakNoContainer)
 {
     for (int32_t s32Format = 0; s32Format < 4; ++s32Format)

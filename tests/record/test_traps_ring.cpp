@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include "reliability/virtual_clock.h"
+#include "support/mutex_hold.h"
 #include "support/process.h"
 
 using namespace libquarrin;
@@ -14,6 +16,8 @@ class TrapsRing : public SESSION_TEST
 protected:
     void TearDown() override
     {
+        CLOCK_Release();
+        MUTEX_HOLD_Release();
         FAKE_PLATFORM_Release();
         Join();
         SESSION_TEST::TearDown();
@@ -304,4 +308,40 @@ TEST_F(TrapsRing, DestroysAgainstUnplugsInALoopReturn)
     plugger.join();
     EXPECT_TRUE(m_pHandle->lstRecord.empty());
     EXPECT_EQ(0, FAKE_MEDIA_OpenWriters());
+}
+
+// The ring had room when the split began, and has none when it posts: nothing is done, and the new name is given back. The
+// clock stands, so that the split which comes at last wants the same name again.
+TEST_F(TrapsRing, ASplitThatLosesItsRoomInTheLastMomentGivesItsNameBack)
+{
+    for (const bool bSamePath : {false, true})
+    {
+        CLOCK_Set(1700049600000);
+        m_pSession = Run(bSamePath ? 0 : 60, "same");
+        CLOCK_Step(bSamePath ? 0 : 60000);
+        StallDispatcher();
+        const int32_t s32Opens = FAKE_MEDIA_Opens();
+        m_bReturned = false;
+        m_thread = std::thread(
+            [this]
+            {
+                MUTEX_HOLD_BeforeLock(2, &m_pHandle->mutexEvent); // it has looked for room, and is about to post
+                EXPECT_EQ(0u, Video(m_pSession, "late", true));
+                m_bReturned = true;
+            });
+        ASSERT_TRUE(MUTEX_HOLD_WaitHeld());
+        FillRing();
+        MUTEX_HOLD_Release();
+        ASSERT_NO_FATAL_FAILURE(WaitUntilItWaits());
+        EXPECT_EQ(s32Opens, FAKE_MEDIA_Opens());
+        FAKE_PLATFORM_Release();
+        Join();
+        EXPECT_EQ(s32Opens + 1, FAKE_MEDIA_Opens());
+        if (bSamePath) // its own name was never given back
+        {
+            tagQN_RECORD_HANDLER_S *pOther = Make();
+            EXPECT_EQ(7u, QN_RecordStart(pOther, "same"));
+        }
+        EXPECT_EQ(0u, QN_RecordDestroy(m_pSession));
+    }
 }

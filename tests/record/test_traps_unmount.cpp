@@ -143,3 +143,25 @@ TEST_F(TrapsUnmount, ALineOfTheHostKeepsTheUnmountWaiting)
     unmounter.join();
     EXPECT_EQ(1, Unmounts());
 }
+
+TEST_F(TrapsUnmount, AStartWaitsForTheUnmountOfAPulledCard)
+{
+    tagQN_RECORD_HANDLER_S *pSession = Make();
+    FAKE_PLATFORM_Stall("umount");
+    QN_EVENT_PushEvent(m_pHandle, QN_EVENT_E_HOTPLUG_OUT, nullptr);
+    ASSERT_TRUE(FAKE_PLATFORM_WaitStalled());
+    EXPECT_EQ(0u, QN_RecordStop(pSession)); // the unplug has marked it
+    std::atomic<bool> bReturned{false};
+    std::thread starter(
+        [&]
+        {
+            EXPECT_EQ(3u, QN_RecordStart(pSession, nullptr));
+            bReturned = true;
+        });
+    EXPECT_FALSE(TEST_WaitFor([&] { return bReturned.load(); }, 50));
+    EXPECT_EQ(0, FAKE_MEDIA_Opens());
+    FAKE_PLATFORM_Release();
+    starter.join();
+    EXPECT_EQ(0, FAKE_MEDIA_Opens());
+    EXPECT_EQ(QN_RECORD_STATE_IDLE, pSession->enRecordState.load());
+}

@@ -129,3 +129,21 @@ TEST_F(ReplayCalls, TheEndOfTheHandleWaitsForACloseThatHasBegun)
     closer.join();
     ender.join();
 }
+
+TEST_F(ReplayCalls, ACloseWaitsForTheListOfTheReplays)
+{
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    pthread_mutex_lock(&m_pHandle->mutexReplayList);
+    std::atomic<bool> bClosed{false};
+    std::thread closer(
+        [&]
+        {
+            EXPECT_EQ(0, QN_ReplayClose(pReplay));
+            bClosed = true;
+        });
+    EXPECT_FALSE(TEST_WaitFor([&] { return bClosed.load(); }, 50));
+    EXPECT_EQ(1u, m_pHandle->lstReplay.size());
+    pthread_mutex_unlock(&m_pHandle->mutexReplayList);
+    closer.join();
+    EXPECT_TRUE(m_pHandle->lstReplay.empty());
+}

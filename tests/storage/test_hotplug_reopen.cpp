@@ -1,12 +1,17 @@
 // Uevents that came while a broken socket was replaced are made up for by a look at the device.
 
 #include <atomic>
+#include <cerrno>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "storage/failing_calls.h"
 #include "storage/hotplug_rig.h"
 
 using namespace libquarrin;
@@ -270,4 +275,53 @@ TEST_F(HotplugReopen, CardThatIsBackBeforeItsPullWasHandledIsNoticed)
     Break(rig);
     EXPECT_GE(PassUntil(rig, QN_STATE_E_PLUGIN), 0.9);
     EXPECT_EQ(QN_STATE_E_PLUGIN, rig.pHandle->enState.load());
+}
+
+TEST_F(HotplugReopen, PullThatAHostHandledItselfIsNotToldOfAgain)
+{
+    TEST_Touch(m_dir.strPath + "/handled");
+    const HOTPLUG_RIG rig(m_dir.strPath, "handled");
+    EXPECT_TRUE(TEST_WaitFor([&rig] { return rig.pHandle->enState.load() == QN_STATE_E_PLUGIN; }));
+    EXPECT_TRUE(rig.WaitForIdle());
+    unlink(rig.strDevice.c_str());
+    EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(rig.pHandle));
+    Break(rig);
+    PassPastALook(rig);
+    EXPECT_TRUE(rig.WaitForIdle());
+    EXPECT_EQ(1, rig.Outs()); // of the host's own call
+}
+
+TEST_F(HotplugReopen, FirstSocketIsAReasonToLookAtADeviceOfTheKernels)
+{
+    const auto fnMakeNode = [](const std::string &strPath)
+    {
+        return mknod(strPath.c_str(), S_IFBLK | 0600, makedev(7, 4095)); // nobody opens it
+    };
+    if (fnMakeNode(m_dir.strPath + "/went") != 0)
+    {
+        ASSERT_EQ(EPERM, errno);
+        GTEST_SKIP() << "making a node takes root's rights";
+    }
+    std::unique_ptr<HOTPLUG_RIG> spWent;
+    std::unique_ptr<HOTPLUG_RIG> spCame;
+    TEST_WithFailingCall(TEST_CALL_SOCKET, EMFILE,
+                         [&]
+                         {
+                             spWent.reset(new HOTPLUG_RIG(m_dir.strPath, "went"));
+                             spCame.reset(new HOTPLUG_RIG(m_dir.strPath, "came"));
+                             EXPECT_EQ(-1, QN_STORAGE_HotplugNetlinkOpen());
+                         });
+    EXPECT_TRUE(TEST_WaitFor([&] { return spWent->pHandle->enState.load() == QN_STATE_E_PLUGIN; }));
+    for (HOTPLUG_RIG *pRig : {spWent.get(), spCame.get()})
+    {
+        EXPECT_TRUE(pRig->WaitForIdle());
+        QN_STORAGE_HotplugNetlinkClose(pRig->pHandle->s32NetlinkFd); // the rig's own: the next pass opens the first
+    }
+    unlink(spWent->strDevice.c_str());
+    EXPECT_EQ(0, fnMakeNode(spCame->strDevice));
+    std::thread other([&] { PassUntil(*spCame, QN_STATE_E_PLUGIN); }); // it has no partition
+    EXPECT_GE(PassUntil(*spWent, QN_STATE_E_UNPLUGIN), 0.9);
+    other.join();
+    EXPECT_EQ(QN_STATE_E_UNPLUGIN, spWent->pHandle->enState.load());
+    EXPECT_EQ(QN_STATE_E_PLUGIN, spCame->pHandle->enState.load());
 }

@@ -128,3 +128,17 @@ TEST_F(UsbNames, SecondMkfsTakesTheNodeThatHasComeMeanwhile)
                                                   "mkfs.ext4 -F " + m_strDisk + "1"};
     EXPECT_EQ(vecExpected, FAKE_PLATFORM_Commands());
 }
+
+TEST_F(UsbNames, NodeOfAnotherDiskIsTakenAsItIsNamed)
+{
+    TEST_Touch(m_strDisk + "1");
+    TEST_Touch(m_strDisk + "2");
+    // Another disk's, of as long a name; no "p" behind the disk's; no number behind the "p"; more than a number.
+    for (const std::string &strNode :
+         {m_dir.strPath + "/sdrp1", m_strDisk + "x1", m_strDisk + "p", m_strDisk + "p1x", m_strDisk})
+    {
+        STDOUT_CAPTURE out;
+        EXPECT_EQ(1u, QN_STORAGE_DeviceIsAccessible(m_strDisk, strNode));
+        EXPECT_EQ(strNode != m_strDisk, out.Has("Partition device " + strNode + " not found after creation"));
+    }
+}

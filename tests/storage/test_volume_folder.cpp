@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -255,4 +256,39 @@ TEST_F(VolumeFolder, ThatIsExchangedWhileItsFilesAreDeletedEndsTheDeletion)
     EXPECT_FALSE(LoggedInfo("Quota[0] remove " + strSecond));
     EXPECT_TRUE(LoggedInfo("Quota[0] remove " + strFirst));
     unlink(Folder(0).c_str());
+}
+
+TEST_F(VolumeFolder, OfAnotherCardInItsPlaceEndsTheDeletion)
+{
+    // Two cards made alike: their folders have one number, on file systems of their own.
+    const auto fnPutIn = [this]
+    {
+        return mount("tmpfs", m_strMount.c_str(), "tmpfs", 0, "size=64k") == 0 && mkdir(Folder(0).c_str(), 0755) == 0;
+    };
+    if (!fnPutIn())
+    {
+        ASSERT_EQ(EPERM, errno);
+        GTEST_SKIP() << "mounting a file system takes root's rights";
+    }
+    const std::string strFirst = AddFile(1, 100);
+    const std::string strSecond = AddFile(2, 100);
+    const int s32Keep =
+        open(Folder(0).c_str(), O_RDONLY | O_CLOEXEC); // so that the other one gets no number of the first's
+    bool bExchanged = false;
+    const auto fnExchange = [&](const std::string & /*strPath*/)
+    {
+        if (!bExchanged)
+        {
+            bExchanged = true;
+            EXPECT_EQ(0, umount2(m_strMount.c_str(), MNT_DETACH));
+            EXPECT_TRUE(fnPutIn());
+            TEST_Touch(strSecond, "the other card's");
+        }
+    };
+    TEST_BeforeRemove(fnExchange, [this] { EXPECT_EQ(0, Check()); });
+    EXPECT_EQ("the other card's", TEST_ReadFile(strSecond));
+    EXPECT_TRUE(LoggedInfo("Quota[0] remove " + strFirst));
+    EXPECT_FALSE(LoggedInfo("Quota[0] remove " + strSecond));
+    close(s32Keep);
+    EXPECT_EQ(0, umount2(m_strMount.c_str(), MNT_DETACH));
 }

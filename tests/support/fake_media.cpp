@@ -5,6 +5,7 @@
 #include <mutex>
 #include <unistd.h>
 
+#include "support/failing_new.h"
 #include "support/wait.h"
 
 using namespace libquarrin;
@@ -110,6 +111,7 @@ void Append(FAKE_FILE_S *pFile, const void *pData, size_t size)
 
 void *WriteOpen(tagQN_RECORD_PARAM_S *pstParam, const char *pszPath)
 {
+    const FAKES_OWN_NEW own;
     Hold(FAKE_CALL_E_OPEN);
     std::lock_guard<std::mutex> lock(State().mutex);
     if (State().s32FailOpens > 0)
@@ -141,6 +143,7 @@ void *WriteOpen(tagQN_RECORD_PARAM_S *pstParam, const char *pszPath)
 int32_t WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t u32Len, uint64_t u64Pts, bool bKey,
                    bool bVideo)
 {
+    const FAKES_OWN_NEW own;
     if (pWriter == nullptr)
     {
         std::lock_guard<std::mutex> lock(State().mutex);
@@ -163,6 +166,7 @@ int32_t WriteFrame(void *pWriter, const unsigned char *pu8Data, uint32_t u32Len,
 
 int32_t WriteClose(void *pWriter)
 {
+    const FAKES_OWN_NEW own;
     if (pWriter == nullptr)
     {
         return -1;
@@ -182,6 +186,7 @@ int32_t WriteClose(void *pWriter)
 
 int64_t GetWriteBytes(void *pWriter)
 {
+    const FAKES_OWN_NEW own;
     if (pWriter == nullptr)
     {
         return -1;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "bu_platform.h"
+#include "support/failing_new.h"
 #include "support/wait.h"
 
 namespace
@@ -31,6 +32,7 @@ FAKE_STATE_S &State()
 
 void Record(int32_t s32Level, const char *pszPrefix, const char *pszFormat, va_list args)
 {
+    const FAKES_OWN_NEW own;
     va_list again;
     va_copy(again, args);
     const int s32Len = vsnprintf(nullptr, 0, pszFormat, args);
@@ -57,6 +59,7 @@ void CountStalled(int32_t s32Delta)
 
 extern "C" int BU_RunCmd(const char *cmd)
 {
+    const FAKES_OWN_NEW own;
     const std::string strCommand = cmd;
     {
         std::lock_guard<std::mutex> lock(State().mutex);

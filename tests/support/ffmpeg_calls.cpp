@@ -14,6 +14,7 @@ extern "C"
 }
 
 #include "support/call_limit.h"
+#include "support/failing_new.h"
 
 namespace
 {
@@ -43,12 +44,14 @@ bool IsLibrary(const void *pCaller)
 }
 
 // Notes a call. True when it is to fail; *ps32Result is the result then.
-bool Fails(const std::string &strFunction, const void *pCaller, int32_t *ps32Result = nullptr)
+bool Fails(const char *pszFunction, const void *pCaller, int32_t *ps32Result = nullptr)
 {
     if (!IsLibrary(pCaller))
     {
         return false;
     }
+    const FAKES_OWN_NEW own;
+    const std::string strFunction = pszFunction;
     std::function<void()> fnLook;
     {
         const std::lock_guard<std::mutex> lock(State().mutex);
@@ -148,6 +151,7 @@ extern "C"
         static const auto pfnReal = Real(&av_find_input_format, "av_find_input_format");
         if (IsLibrary(__builtin_return_address(0)))
         {
+            const FAKES_OWN_NEW own;
             const std::lock_guard<std::mutex> lock(State().mutex);
             State().strFormatAsked = pszName;
         }

@@ -9,10 +9,13 @@ namespace
 {
 
 thread_local int32_t t_s32BeforeLock = 0; // locks until the one before which this thread stops; 0: none
+thread_local const pthread_mutex_t *t_pBeforeLock = nullptr; // null: locks of any mutex
 thread_local const pthread_mutex_t *t_pAfterUnlock = nullptr;
 thread_local int32_t t_s32Locks = 0;
 std::atomic<int32_t> s_s32Held{0};
 std::atomic<bool> s_bReleased{false};
+std::atomic<const pthread_mutex_t *> s_pWatched{nullptr};
+std::atomic<int32_t> s_s32Watched{0};
 
 void Hold()
 {
@@ -37,7 +40,11 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t *pMutex) noexcept
 {
     static const MUTEX_CALL pfnLock = Real("pthread_mutex_lock");
     t_s32Locks += 1;
-    if (t_s32BeforeLock > 0)
+    if (s_pWatched == pMutex)
+    {
+        s_s32Watched += 1;
+    }
+    if (t_s32BeforeLock > 0 && (t_pBeforeLock == nullptr || t_pBeforeLock == pMutex))
     {
         t_s32BeforeLock -= 1;
         if (t_s32BeforeLock == 0)
@@ -60,9 +67,10 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t *pMutex) noexcept
     return s32Result;
 }
 
-void MUTEX_HOLD_BeforeLock(int32_t s32Nth)
+void MUTEX_HOLD_BeforeLock(int32_t s32Nth, const pthread_mutex_t *pMutex)
 {
     s_bReleased = false;
+    t_pBeforeLock = pMutex;
     t_s32BeforeLock = s32Nth;
 }
 
@@ -87,4 +95,15 @@ int32_t MUTEX_HOLD_CountLocks(const std::function<void()> &fn)
     const int32_t s32Before = t_s32Locks;
     fn();
     return t_s32Locks - s32Before;
+}
+
+void MUTEX_HOLD_Watch(const pthread_mutex_t *pMutex)
+{
+    s_pWatched = pMutex;
+    s_s32Watched = 0;
+}
+
+int32_t MUTEX_HOLD_Watched()
+{
+    return s_s32Watched;
 }

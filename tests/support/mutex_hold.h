@@ -8,8 +8,9 @@
 #include <functional>
 #include <pthread.h>
 
-/// Holds the calling thread up before the s32Nth mutex that it locks from now on (1: the next one).
-void MUTEX_HOLD_BeforeLock(int32_t s32Nth);
+/// Holds the calling thread up before the s32Nth mutex that it locks from now on (1: the next one). With a mutex only its
+/// locks count.
+void MUTEX_HOLD_BeforeLock(int32_t s32Nth, const pthread_mutex_t *pMutex = nullptr);
 
 /// Holds the calling thread up when it has let go of a mutex, the next time.
 void MUTEX_HOLD_AfterUnlock(const pthread_mutex_t *pMutex);
@@ -22,5 +23,11 @@ void MUTEX_HOLD_Release();
 
 /// How many mutexes the calling thread locks while fn runs.
 int32_t MUTEX_HOLD_CountLocks(const std::function<void()> &fn);
+
+/// Counts from now on how often any thread locks a mutex. It may go meanwhile: its place is watched.
+void MUTEX_HOLD_Watch(const pthread_mutex_t *pMutex);
+
+/// How often it was locked since.
+int32_t MUTEX_HOLD_Watched();
 
 #endif
