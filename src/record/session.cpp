@@ -318,11 +318,6 @@ catch (const std::exception &)
     return QN_RET_NO_MEMORY; // before a name was claimed
 }
 
-bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession)
-{
-    return pSession->enRecordState.load() == QN_RECORD_STATE_IDLE && !pSession->pstPrivate->bStarting;
-}
-
 uint32_t QN_RecordPause(tagQN_RECORD_HANDLER_S *pSession)
 {
     if (pSession == nullptr)

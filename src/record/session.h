@@ -26,10 +26,6 @@ void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink);
 /// Frees the record of a session, with what it owns of memory; the session is in no list.
 void QN_RECORD_FreeSession(tagQN_RECORD_HANDLER_S *pSession);
 
-/// The session is not recording, and no start of it is under way. The caller holds stMutex, so that none comes to its
-/// end.
-bool QN_RECORD_IsIdleLocked(const tagQN_RECORD_HANDLER_S *pSession);
-
 /// The session's in-progress path for a file that begins at a second. The caller holds stMutex.
 std::string QN_RECORD_PathLocked(const tagQN_RECORD_HANDLER_S *pSession, time_t tStart);
 
