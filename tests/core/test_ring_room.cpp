@@ -100,6 +100,34 @@ TEST_F(RingRoom, IsNotWaitedForByAHandler)
     }
 }
 
+TEST_F(RingRoom, IsNotWaitedForByAHandlerHoweverManyItPosts)
+{
+    InitUnplugged();
+    SetState(QN_STATE_E_FORMATING);
+    TEST_Touch(m_strDevice);
+    TEST_Touch(m_strPartition);
+    FAKE_PLATFORM_OnCommand(
+        [this](const std::string &strCommand)
+        {
+            if (strCommand == MountLine()) // the event thread runs it, in a handler
+            {
+                FillRing();
+                for (int32_t i = 0; i < 4; ++i)
+                {
+                    Push(QN_EVENT_E_FORMAT_FAILED);
+                }
+            }
+            return 0;
+        });
+    Push(QN_EVENT_E_HOTPLUG_IN);
+    ASSERT_TRUE(Settle());
+    FAKE_PLATFORM_OnCommand(nullptr);
+    std::vector<std::string> vecExpected(4, "QN_EVENT_E_FORMAT_FAILED");
+    vecExpected.insert(vecExpected.begin(), "QN_EVENT_E_HOTPLUG_IN");
+    vecExpected.push_back("QN_EVENT_E_MOUNT_DONE");
+    EXPECT_EQ(vecExpected, Dispatched());
+}
+
 TEST_F(RingRoom, IsWaitedForByAThreadWhoseHandlerHasReturned)
 {
     InitUnplugged();

@@ -2,6 +2,8 @@
 
 #include "greedy_files.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include <sys/resource.h>

@@ -145,6 +145,22 @@ TEST_F(MuxerFrames, AFrameWithoutMemoryIsDroppedAndTheNextIsWritten)
     EXPECT_EQ(TEST_EncodeH264()[2].vecData.size(), static_cast<size_t>(stMedia.vecPackets[1].s32Size));
 }
 
+TEST_F(MuxerFrames, AFileWithoutMemoryForItsParameterSetsIsNotBegun)
+{
+    for (const bool bH265 : {false, true})
+    {
+        tagQN_RECORD_PARAM_S stParam = bH265 ? H265(0) : H264(0);
+        tagQN_BYTES &stSps = stParam.stVideo.stSps;
+        std::vector<uint8_t> vecLong(stSps.pu8Data, stSps.pu8Data + stSps.u32Len);
+        vecLong.resize(1 << 20, 0xff);
+        stSps = {vecLong.data(), static_cast<uint32_t>(vecLong.size())};
+        av_max_alloc(1 << 19);
+        EXPECT_EQ(nullptr, FFMUXER_WriteOpen(&stParam, Path().c_str()));
+        av_max_alloc(INT32_MAX);
+        EXPECT_FALSE(TEST_Exists(Path()));
+    }
+}
+
 TEST_F(MuxerFrames, EveryPacketReachesTheCardAtOnce)
 {
     Open(H264(1));

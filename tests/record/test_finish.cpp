@@ -66,6 +66,17 @@ TEST_P(Finish, RefusesANullWriterAndLeavesTheFile)
     EXPECT_EQ("x", TEST_ReadFile(m_strPath));
 }
 
+TEST_P(Finish, TakesASessionOfAHostsOwnMaking)
+{
+    tagQN_RECORD_HANDLER_S stOwn;
+    stOwn.pstHandle = m_pHandle;
+    stOwn.pstMediaApi = FAKE_MEDIA_Api();
+    stOwn.strNameTag = "own";
+    EXPECT_EQ(0u, GetParam().pfnFinish(&stOwn, Open(), m_strPath, 1000, 1010));
+    EXPECT_EQ("begin\n", TEST_ReadFile(FinalPath(1000, 1010, "own")));
+    EXPECT_EQ(0, FAKE_MEDIA_OpenWriters());
+}
+
 TEST_P(Finish, RemovesAFileShorterThanFiveSeconds)
 {
     for (const time_t tEnd : {1004, 1000, 1001, 900}) // the last: a clock that was set back

@@ -261,6 +261,7 @@ TEST_F(SessionStop, ClosesOnceWhenCalledTwice)
 
 TEST_F(SessionBytes, AreCountedWhileAFileIsOpenOnly)
 {
+    EXPECT_EQ(-1, QN_REcordGetWriteBytes(nullptr));
     tagQN_RECORD_HANDLER_S *pSession = Make();
     EXPECT_EQ(-1, QN_REcordGetWriteBytes(pSession));
     EXPECT_EQ(0u, QN_RecordStart(pSession, nullptr));

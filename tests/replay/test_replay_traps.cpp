@@ -110,6 +110,35 @@ TEST_F(ReplayTraps, AnUnplugLeavesTheFrameThatIsOutUntilTheReplayIsClosed)
     EXPECT_EQ(0u, QN_Destroy(m_pHandle)); // closes the other one
 }
 
+// A replay keeps one frame for the host; one of a reader that came later goes with its reader.
+TEST_F(ReplayTraps, ASecondUnplugKeepsNoSecondFrame)
+{
+    tagQN_REPLAY_HANDLER_S *pReplay = Open(Clip());
+    uint8_t *apu8Data[2] = {};
+    std::vector<uint8_t> vecCopy;
+    for (int32_t i = 0; i < 2; ++i)
+    {
+        uint32_t u32Size = 0;
+        uint64_t u64Pts = 0;
+        bool bKey = false;
+        bool bVideo = false;
+        ASSERT_EQ(0u, QN_ReplayReadFrame(pReplay, &apu8Data[i], &u32Size, &u64Pts, &bKey, &bVideo));
+        if (i == 0)
+        {
+            vecCopy.assign(apu8Data[0], apu8Data[0] + u32Size);
+        }
+        s_pu8Watched = apu8Data[1];
+        s_s32Freed = 0;
+        EXPECT_EQ(0, QN_EVENT_HandleHotplugOut(m_pHandle));
+        EXPECT_EQ(i, s_s32Freed);
+        pReplay->pReader = // as a host's that opens it again behind the library's back
+            FFMUXER_ReadOpen(&pReplay->stParam, pReplay->stFileInfo.strPath.c_str(), QN_FILE_FMT_E_TS);
+    }
+    s_pu8Watched = nullptr;
+    EXPECT_EQ(0, memcmp(apu8Data[0], vecCopy.data(), vecCopy.size()));
+    EXPECT_EQ(0, QN_ReplayClose(pReplay));
+}
+
 static int32_t CloseByWayOfTheHost(void *pReader)
 {
     return FFMUXER_ReadClose(pReader);
