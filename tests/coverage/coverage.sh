@@ -21,6 +21,7 @@ build_in "$tree" -DCMAKE_BUILD_TYPE=Coverage -DQUARRIN_BUILD_TESTS=ON -DQUARRIN_
     -DQUARRIN_BUILD_BENCHMARKS=OFF \
     -DCMAKE_CXX_FLAGS="-O0 -g1 --coverage -fprofile-update=atomic -fprofile-abs-path" || die "the build failed"
 find "$tree" -name '*.gcda' -delete
+jobs=$((2 * jobs)) # tests mostly wait
 test_in coverage "$tree"
 
 say "reading the counters"
