@@ -2,21 +2,36 @@
 // Threads: QN_FORMAT_Start and _Detach on host threads, the rest on the worker's. Locks: mutexLink, then mutexEvent; a
 // worker that waits for room holds neither, and is counted as a producer, so that the handle cannot go meanwhile.
 
-#include "core/storage_state.h"
+#include "core/format.h"
 
 #include <exception>
 #include <memory>
 #include <string>
 
-#include "libquarrin/events.h"
 #include "libquarrin/storage.h"
-#include "ring/event_queue.h"
 #include "ring/handle_private.h"
+#include "ring/ring.h"
 #include "util/lock.h"
 #include "util/log.h"
 
 namespace libquarrin
 {
+
+/// The way of a worker back to its handle; it outlives both.
+struct tagQN_FORMAT_LINK_S
+{
+    pthread_mutex_t mutexLink =
+        PTHREAD_MUTEX_INITIALIZER;      ///< guards the rest; held while the worker posts, not while it waits
+    tagQN_HANDLER_S *pHandle = nullptr; ///< null once the handle is being destroyed
+    uint32_t u32Format = 0;             ///< number of the last format: the worker of an older one is done
+    uint32_t u32OutcomesAhead = 0;      ///< outcomes that are queued, or whose handler has not begun
+    uint32_t u32OutcomesOld = 0;        ///< so many of them, the first ones, are earlier formats'
+};
+
+struct tagQN_FORMATS_S
+{
+    std::shared_ptr<tagQN_FORMAT_LINK_S> spLink; ///< constant
+};
 
 /// What one worker needs; owned by its thread.
 struct tagQN_FORMAT_JOB_S
@@ -45,15 +60,20 @@ static void Post(const tagQN_FORMAT_JOB_S &stJob, QN_EVENT_E enEvent)
     {
         return;
     }
-    QN_EVENT_CountProducer(pHandle, true); // the handle stays while this waits
-    while (stJob.spLink->pHandle != nullptr && IsLastLocked(stJob) && !QN_EVENT_TryPush(pHandle, enEvent, nullptr))
+    QN_RING_CountProducer(pHandle, true); // the handle stays while this waits
+    while (stJob.spLink->pHandle != nullptr && IsLastLocked(stJob))
     {
+        if (QN_RING_TryPush(pHandle, enEvent, nullptr))
+        {
+            stJob.spLink->u32OutcomesAhead += 1;
+            break;
+        }
         lock.reset();
-        QN_EVENT_WaitForRoom(pHandle);
+        QN_RING_WaitForRoom(pHandle);
         lock = UTIL_LOCK_Scoped(stJob.spLink->mutexLink);
     }
     lock.reset();
-    QN_EVENT_CountProducer(pHandle, false);
+    QN_RING_CountProducer(pHandle, false);
 }
 
 // False: another format has begun meanwhile.
@@ -99,10 +119,28 @@ static void Worker(void *pArg)
     Post(*spJob, QN_EVENT_E_FORMAT_SUCCESS);
 }
 
+tagQN_FORMATS_S *QN_FORMAT_New(tagQN_HANDLER_S *pHandle)
+try
+{
+    auto spFormats = std::make_unique<tagQN_FORMATS_S>();
+    spFormats->spLink = std::make_shared<tagQN_FORMAT_LINK_S>();
+    spFormats->spLink->pHandle = pHandle;
+    return spFormats.release();
+}
+catch (const std::exception &)
+{
+    return nullptr;
+}
+
+void QN_FORMAT_Delete(tagQN_FORMATS_S *pFormats)
+{
+    delete pFormats;
+}
+
 tagQN_FORMAT_JOB_S *QN_FORMAT_Make(const tagQN_HANDLER_S *pHandle, QN_FS_TYPE_E enFsType)
 try
 {
-    return new tagQN_FORMAT_JOB_S{pHandle->pstPrivate->spFormatLink, pHandle->strDevice, enFsType, 0};
+    return new tagQN_FORMAT_JOB_S{pHandle->pstPrivate->pFormats->spLink, pHandle->strDevice, enFsType, 0};
 }
 catch (const std::exception &)
 {
@@ -111,10 +149,10 @@ catch (const std::exception &)
 
 void QN_FORMAT_Start(tagQN_HANDLER_S *pHandle, tagQN_FORMAT_JOB_S *pJob)
 {
-    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->spFormatLink;
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->pFormats->spLink;
     UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
     pJob->u32Format = ++stLink.u32Format;
-    QN_EVENT_OutdateOutcomes(pHandle);
+    stLink.u32OutcomesOld = stLink.u32OutcomesAhead;
     lock.reset();
     // A worker that cannot be started leaves the state at formatting until the card is pulled.
     if (UTIL_THREAD_RunFuncAsync(Worker, pJob) != 0)
@@ -125,9 +163,44 @@ void QN_FORMAT_Start(tagQN_HANDLER_S *pHandle, tagQN_FORMAT_JOB_S *pJob)
 
 void QN_FORMAT_Detach(tagQN_HANDLER_S *pHandle)
 {
-    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->spFormatLink;
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->pFormats->spLink;
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
     stLink.pHandle = nullptr;
+}
+
+void QN_FORMAT_ResetOutcomes(tagQN_HANDLER_S *pHandle)
+{
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->pFormats->spLink;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
+    stLink.u32OutcomesAhead = 0;
+    stLink.u32OutcomesOld = 0;
+}
+
+void QN_FORMAT_PostBegins(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
+{
+    if (enEvent != QN_EVENT_E_FORMAT_SUCCESS && enEvent != QN_EVENT_E_FORMAT_FAILED)
+    {
+        return;
+    }
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->pFormats->spLink;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
+    stLink.u32OutcomesAhead += 1;
+}
+
+// Counts down, but never below nothing: a host may call a handler itself.
+static bool TakeOne(uint32_t &u32Count)
+{
+    const bool bAny = u32Count > 0;
+    u32Count -= bAny ? 1 : 0;
+    return bAny;
+}
+
+bool QN_FORMAT_TakeOutcome(tagQN_HANDLER_S *pHandle)
+{
+    tagQN_FORMAT_LINK_S &stLink = *pHandle->pstPrivate->pFormats->spLink;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(stLink.mutexLink);
+    (void)TakeOne(stLink.u32OutcomesAhead);
+    return !TakeOne(stLink.u32OutcomesOld); // they are handled in order: the old ones come first
 }
 
 } // namespace libquarrin

@@ -9,22 +9,27 @@
 #include <memory>
 #include <new>
 
+#include "core/format.h"
 #include "core/storage_state.h"
+#include "libquarrin/events.h"
 #include "libquarrin/hotplug.h"
 #include "libquarrin/quota.h"
 #include "libquarrin/replay.h"
 #include "libquarrin/storage.h"
 #include "record/session.h"
-#include "ring/event_queue.h"
+#include "record/split_files.h"
+#include "replay/frames_out.h"
 #include "ring/handle_private.h"
+#include "ring/ring.h"
+#include "storage/card.h"
+#include "storage/device_name.h"
+#include "storage/presence.h"
+#include "storage/quota.h"
 #include "util/lock.h"
 #include "util/results.h"
 
 namespace libquarrin
 {
-
-// A handler posts one event at most, and the next one is taken out before the next handler runs.
-constexpr size_t OWN_EVENTS = 2;
 
 const char *QN_LibVersion()
 {
@@ -78,26 +83,46 @@ uint32_t QN_GetStorageState(tagQN_HANDLER_S *pHandle, QN_STORAGE_STATE_E *penSta
     return QN_RET_OK;
 }
 
-// The locks of a private part that is complete otherwise.
-static void InitLocks(tagQN_HANDLER_PRIVATE_S *pPrivate)
+static void FreeParts(tagQN_HANDLER_PRIVATE_S *pPrivate)
 {
-    pthread_rwlockattr_t stAttr;
-    pthread_rwlockattr_init(&stAttr);
-#ifdef __GLIBC__
-    // An unmount must come to its turn also when several threads list folders without a break.
-    pthread_rwlockattr_setkind_np(&stAttr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-#endif
-    pthread_rwlock_init(&pPrivate->rwCard, &stAttr);
-    pthread_rwlockattr_destroy(&stAttr);
-    pthread_condattr_t stClock; // a clock that a host sets must not move a deadline
-    pthread_condattr_init(&stClock);
-    pthread_condattr_setclock(&stClock, CLOCK_MONOTONIC);
-    pthread_cond_init(&pPrivate->condFiles, &stClock);
-    pthread_condattr_destroy(&stClock);
+    delete pPrivate->pEnds;
+    QN_FORMAT_Delete(pPrivate->pFormats);
+    delete pPrivate->pFramesOut;
+    delete pPrivate->pSplits;
+    delete pPrivate->pQuota;
+    QN_CARD_Delete(pPrivate->pCard);
+    delete pPrivate->pPresence;
+    QN_RING_Delete(pPrivate->pRing);
+    delete pPrivate;
 }
 
-// Everything of a handle that needs memory, but for its threads'. False: there is none.
-static bool Fill(tagQN_HANDLER_S *pHandle, const tagQN_STORAGE_PARAM_S *pParam)
+/// The private records until the handle owns them.
+using QN_PARTS = std::unique_ptr<tagQN_HANDLER_PRIVATE_S, void (*)(tagQN_HANDLER_PRIVATE_S *)>;
+
+// Empty: no memory.
+static QN_PARTS MakeParts(tagQN_HANDLER_S *pHandle)
+{
+    QN_PARTS parts(new (std::nothrow) tagQN_HANDLER_PRIVATE_S(), FreeParts);
+    if (parts == nullptr)
+    {
+        return parts;
+    }
+    parts->pRing = QN_RING_New();
+    parts->pPresence = new (std::nothrow) tagQN_PRESENCE_S();
+    parts->pCard = QN_CARD_New();
+    parts->pQuota = new (std::nothrow) tagQN_QUOTA_S();
+    parts->pSplits = new (std::nothrow) tagQN_SPLITS_S();
+    parts->pFramesOut = new (std::nothrow) tagQN_FRAMES_OUT_S();
+    parts->pFormats = QN_FORMAT_New(pHandle);
+    parts->pEnds = new (std::nothrow) UTIL_CALLS_S();
+    const bool bAll = parts->pRing != nullptr && parts->pPresence != nullptr && parts->pCard != nullptr &&
+                      parts->pQuota != nullptr && parts->pSplits != nullptr && parts->pFramesOut != nullptr &&
+                      parts->pFormats != nullptr && parts->pEnds != nullptr;
+    return bAll ? std::move(parts) : QN_PARTS(nullptr, FreeParts);
+}
+
+// The handle's own parameters. False: no memory.
+static bool CopyParam(tagQN_HANDLER_S *pHandle, const tagQN_STORAGE_PARAM_S *pParam)
 try
 {
     pHandle->strDevice = pParam->strDevice;
@@ -108,9 +133,6 @@ try
         pHandle->astVolume[i] = pParam->astVolume[i];
     }
     pHandle->strDevName = QN_DeviceName(pHandle->strDevice);
-    pHandle->pstPrivate->spFormatLink = std::make_shared<tagQN_FORMAT_LINK_S>();
-    pHandle->pstPrivate->spFormatLink->pHandle = pHandle;
-    pHandle->pstPrivate->lstOwnSpare.resize(OWN_EVENTS);
     return true;
 }
 catch (const std::exception &)
@@ -125,17 +147,16 @@ uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle)
         return QN_RET_NULL_HANDLE;
     }
     std::unique_ptr<tagQN_HANDLER_S> spHandle(new (std::nothrow) tagQN_HANDLER_S());
-    std::unique_ptr<tagQN_HANDLER_PRIVATE_S> spPrivate(new (std::nothrow) tagQN_HANDLER_PRIVATE_S());
-    if (spHandle == nullptr || spPrivate == nullptr)
+    if (spHandle == nullptr || !CopyParam(spHandle.get(), pParam))
     {
         return QN_RET_NO_MEMORY;
     }
-    spHandle->pstPrivate = spPrivate.get();
-    if (!Fill(spHandle.get(), pParam))
+    QN_PARTS parts = MakeParts(spHandle.get());
+    if (parts == nullptr)
     {
         return QN_RET_NO_MEMORY;
     }
-    InitLocks(spPrivate.release());
+    spHandle->pstPrivate = parts.release();
     pHandle = spHandle.release();
     (void)QN_EVENT_Init(pHandle); // failures of both show in the log and in the state
     (void)QN_STORAGE_Init(pHandle);
@@ -182,9 +203,9 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     }
     if (pHandle->stEventThread.bNoThread)
     {
-        QN_EVENT_ShutDown(pHandle); // nobody makes room in the ring: posts are dropped, also those that wait
+        QN_RING_ShutDown(pHandle); // nobody makes room in the ring: posts are dropped, also those that wait
     }
-    UTIL_CALLS_Wait(pHandle->pstPrivate->stEnds); // destroys and closes that began before
+    UTIL_CALLS_Wait(*pHandle->pstPrivate->pEnds); // destroys and closes that began before
     DestroySessions(pHandle);
     CloseReplays(pHandle);
     QN_FORMAT_Detach(pHandle);
@@ -192,11 +213,9 @@ uint32_t QN_Destroy(tagQN_HANDLER_S *&pHandle)
     (void)QN_STORAGE_Destroy(pHandle); // both always 0
     (void)QN_EVENT_Destroy(pHandle);
     QN_STORAGE_UnmountLate(pHandle); // a plugged card or the end of a format may have been queued
-    QN_EVENT_WaitForProducers(pHandle);
+    QN_RING_WaitForProducers(pHandle);
 
-    pthread_cond_destroy(&pHandle->pstPrivate->condFiles);
-    pthread_rwlock_destroy(&pHandle->pstPrivate->rwCard);
-    delete pHandle->pstPrivate;
+    FreeParts(pHandle->pstPrivate);
     pthread_cond_destroy(&pHandle->condEvent);
     pthread_mutex_destroy(&pHandle->mutexEvent);
     pthread_mutex_destroy(&pHandle->mutexState);

@@ -1,13 +1,14 @@
-// The post that hosts and handlers make: into the ring, with a note of a split-off file.
-// Threads: any. Locks: mutexFiles and mutexEvent, both leaves, one after the other. Not here: the ring itself
-// (src/ring).
+// The post that hosts and handlers make: into the ring, with a note of what the event tells.
+// Threads: any. Locks: leaves, one after the other. Not here: the ring itself (src/ring).
 
 #include "libquarrin/events.h"
 
 #include <exception>
 
+#include "core/format.h"
 #include "record/split_files.h"
-#include "ring/event_queue.h"
+#include "ring/ring.h"
+#include "storage/presence.h"
 #include "util/results.h"
 
 namespace libquarrin
@@ -22,7 +23,9 @@ try
         QN_SPLIT_NODE lstNode(1, std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload));
         QN_SPLIT_Add(pHandle, lstNode);
     }
-    QN_EVENT_Push(pHandle, enEvent, spPayload);
+    QN_PRESENCE_PostBegins(pHandle, enEvent);
+    QN_FORMAT_PostBegins(pHandle, enEvent);
+    QN_RING_Push(pHandle, enEvent, spPayload);
     return 0;
 }
 catch (const std::exception &)

@@ -1,21 +1,21 @@
-// Storage state machine, the event thread's side: what hotplug, mount and format events do.
+// Storage state machine, the event thread's side: what hotplug, mount, format and split events do.
 // Threads: the event thread. Locks: mutexState; in a hot-unplug then the card gate, the lists' mutexes and the
 // sessions'.
 
 #include "libquarrin/events.h"
 
-#include "core/storage_state.h"
+#include "core/format.h"
 #include "libquarrin/quota.h"
-#include "libquarrin/replay.h"
 #include "libquarrin/storage.h"
-#include "media/frame_out.h"
+#include "record/session.h"
 #include "record/split_files.h"
-#include "ring/event_queue.h"
-#include "ring/handle_private.h"
-#include "storage/card_commands.h"
-#include "storage/quota_again.h"
+#include "replay/replay.h"
+#include "storage/card.h"
+#include "storage/presence.h"
+#include "storage/quota.h"
 #include "util/lock.h"
 #include "util/log.h"
+#include "util/results.h"
 
 namespace libquarrin
 {
@@ -38,7 +38,7 @@ static bool PlugLocked(tagQN_HANDLER_S *pHandle)
 {
     constexpr const char *FUNC = "QN_EVENT_HandleHotplugIn";
     const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
-    QN_EVENT_NotePresence(pHandle, bDevice);
+    QN_PRESENCE_Note(pHandle, bDevice);
     if (!bDevice)
     {
         QN_LOG_ERROR_AS(FUNC, "OOPs, trigger hotplug-in event but device %s not found!", pHandle->strDevice.c_str());
@@ -71,71 +71,18 @@ int32_t QN_EVENT_HandleHotplugIn(tagQN_HANDLER_S *pHandle)
     return QN_EVENT_PushEvent(pHandle, QN_EVENT_E_MOUNT_DONE, nullptr);
 }
 
-// Kept: sessions are not closed here; they drop frames until the host stops them.
-static void StopSessions(tagQN_HANDLER_S *pHandle)
-{
-    const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
-    for (tagQN_RECORD_HANDLER_S *pSession : pHandle->lstRecord)
-    {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
-        pSession->enRecordState = QN_RECORD_STATE_STOPPING;
-    }
-}
-
-// Keeps a frame for its replay, in the room that the open made for it.
-static void KeepFrame(tagQN_HANDLER_PRIVATE_S *pPrivate, const tagQN_REPLAY_HANDLER_S *pReplay, void *pFrame)
-{
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    for (QN_FRAME_OUT &frame : pPrivate->lstFramesOut)
-    {
-        if (frame.first == pReplay && frame.second == nullptr)
-        {
-            frame.second = pFrame;
-            return;
-        }
-    }
-    FFREAD_FreeFrameOut(pFrame);
-}
-
-// Closes a reader. A frame that the host has out stays where it is until the host closes the replay: nothing has told
-// the host yet.
-static void CloseKeepingFrame(tagQN_HANDLER_S *pHandle, const tagQN_REPLAY_HANDLER_S *pReplay)
-{
-    void *pFrame = nullptr; // stays null when the reader is a host's own: its frames are its business
-    FFREAD_KeepFrameOut(&pFrame);
-    (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader); // the card is gone
-    FFREAD_KeepFrameOut(nullptr);
-    if (pFrame != nullptr)
-    {
-        KeepFrame(pHandle->pstPrivate, pReplay, pFrame);
-    }
-}
-
-static void CloseReaders(tagQN_HANDLER_S *pHandle)
-{
-    const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
-    for (tagQN_REPLAY_HANDLER_S *pReplay : pHandle->lstReplay)
-    {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplay->mutexReplay);
-        if (pReplay->pReader != nullptr && pReplay->pstMediaApi->pfnReadClose != nullptr)
-        {
-            CloseKeepingFrame(pHandle, pReplay);
-        }
-        pReplay->pReader = nullptr;
-    }
-}
-
 int32_t QN_EVENT_HandleHotplugOut(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-    QN_EVENT_NotePresence(pHandle, false);
+    QN_PRESENCE_Note(pHandle, false);
+    // Kept: sessions are not closed here; they drop frames until the host stops them.
     // Before the gate: somebody behind it may be listing a folder of the dying card, and take his time.
-    StopSessions(pHandle);
-    CloseReaders(pHandle);
-    const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
+    QN_RECORD_StopAll(pHandle);
+    QN_REPLAY_CloseReaders(pHandle);
+    const UTIL_RWLOCK card = QN_CARD_Close(pHandle);
     // And behind it: a start or an open that was on its way through is done by now.
-    StopSessions(pHandle);
-    CloseReaders(pHandle);
+    QN_RECORD_StopAll(pHandle);
+    QN_REPLAY_CloseReaders(pHandle);
     // Their writers are closed before umount looks; no session can split off another one now.
     QN_SPLIT_FinishAll(pHandle, nullptr);
     QN_CARD_Unmount(pHandle, true);
@@ -160,7 +107,7 @@ int32_t QN_EVENT_HandleFormatSuccess(tagQN_HANDLER_S *pHandle)
 {
     {
         const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-        if (!QN_EVENT_TakeOutcome(pHandle) || pHandle->enState.load() != QN_STATE_E_FORMATING)
+        if (!QN_FORMAT_TakeOutcome(pHandle) || pHandle->enState.load() != QN_STATE_E_FORMATING)
         {
             QN_LOG_ERROR("OOPs, trigger format-success event but not in FORMATING!");
             return 0;
@@ -176,13 +123,23 @@ int32_t QN_EVENT_HandleFormatSuccess(tagQN_HANDLER_S *pHandle)
 int32_t QN_EVENT_HandleFormatFailed(tagQN_HANDLER_S *pHandle)
 {
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
-    if (!QN_EVENT_TakeOutcome(pHandle) || pHandle->enState.load() != QN_STATE_E_FORMATING)
+    if (!QN_FORMAT_TakeOutcome(pHandle) || pHandle->enState.load() != QN_STATE_E_FORMATING)
     {
         QN_LOG_ERROR("OOPs, trigger format-failed event but not in FORMATING!");
         return 0;
     }
     pHandle->enState = QN_STATE_E_PLUGIN;
     return 0;
+}
+
+int32_t QN_EVENT_HandleRecordAutoSplit(tagQN_HANDLER_S *pHandle, std::shared_ptr<void> spPayload)
+{
+    const auto spEvent = std::static_pointer_cast<tagQN_AUTO_SPLIT_EVENT_S>(spPayload);
+    if (spEvent == nullptr)
+    {
+        return static_cast<int32_t>(QN_RET_NULL_HANDLE);
+    }
+    return static_cast<int32_t>(QN_SPLIT_Finish(pHandle, spEvent));
 }
 
 } // namespace libquarrin

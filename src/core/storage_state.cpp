@@ -4,17 +4,26 @@
 
 #include "core/storage_state.h"
 
+#include "core/format.h"
 #include "libquarrin/hotplug.h"
+#include "libquarrin/record.h"
 #include "libquarrin/storage.h"
-#include "ring/event_queue.h"
-#include "ring/handle_private.h"
-#include "storage/card_commands.h"
+#include "ring/ring.h"
+#include "storage/card.h"
+#include "storage/presence.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
 
 namespace libquarrin
 {
+
+// Waits for room without the lock that the handlers want.
+static void PostUnlocking(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent, UTIL_LOCK &lock)
+{
+    QN_PRESENCE_PostBegins(pHandle, enEvent);
+    QN_RING_PushUnlocking(pHandle, enEvent, nullptr, lock);
+}
 
 int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
 {
@@ -26,15 +35,15 @@ int32_t QN_STORAGE_Init(tagQN_HANDLER_S *pHandle)
     UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexState);
     const bool bMountDir = QN_STORAGE_CheckPartitionMounted(pHandle->pszMountPoint.c_str()) == 0;
     const bool bDevice = QN_STORAGE_CheckBlockDevExist(pHandle->strDevice.c_str()) == 0;
-    QN_EVENT_NotePresence(pHandle, bDevice);
+    QN_PRESENCE_Note(pHandle, bDevice);
     if (bMountDir)
     {
         pHandle->enState = QN_STATE_E_MOUNTED;
-        QN_EVENT_PushUnlocking(pHandle, bDevice ? QN_EVENT_E_MOUNT_DONE : QN_EVENT_E_HOTPLUG_OUT, nullptr, lock);
+        PostUnlocking(pHandle, bDevice ? QN_EVENT_E_MOUNT_DONE : QN_EVENT_E_HOTPLUG_OUT, lock);
     }
     else if (bDevice)
     {
-        QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_HOTPLUG_IN, nullptr, lock);
+        PostUnlocking(pHandle, QN_EVENT_E_HOTPLUG_IN, lock);
     }
     return 0;
 }
@@ -111,7 +120,7 @@ uint32_t QN_StorageMount(tagQN_HANDLER_S *pHandle)
         return QN_MOUNT_FAILED;
     }
     pHandle->enState = QN_STATE_E_MOUNTED;
-    QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_MOUNT_DONE, nullptr, lock);
+    PostUnlocking(pHandle, QN_EVENT_E_MOUNT_DONE, lock);
     return QN_RET_OK;
 }
 
@@ -146,7 +155,7 @@ uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle)
         return QN_RET_STATE;
     }
     // Once more behind the gate: a replay that was just being opened is in its list by now.
-    const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Close(pHandle);
     if (AnySessionOpen(pHandle))
     {
         QN_LOG_ERROR("handler is not idle");
@@ -159,7 +168,7 @@ uint32_t QN_StorageUnMount(tagQN_HANDLER_S *pHandle)
 
 static void UnmountLocked(tagQN_HANDLER_S *pHandle)
 {
-    const UTIL_RWLOCK card = UTIL_LOCK_Exclusive(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Close(pHandle);
     QN_CARD_Unmount(pHandle, false); // the handle goes in any case
 }
 

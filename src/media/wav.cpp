@@ -1,5 +1,5 @@
 // WAV back end: a placeholder that keeps the shape of a writer and writes nothing.
-// Threads: any. Locks: none. Not here: the tables (record/media_api.cpp).
+// Threads: any. Locks: none. Not here: the tables (media_api.cpp).
 
 #include "libquarrin/media.h"
 

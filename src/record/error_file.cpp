@@ -5,7 +5,7 @@
 #include <string>
 
 #include "libquarrin/record.h"
-#include "storage/card_commands.h"
+#include "storage/card.h"
 #include "storage/new_file.h"
 #include "storage/volume_folder.h"
 #include "util/log.h"

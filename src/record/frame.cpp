@@ -11,9 +11,9 @@
 #include "record/finish.h"
 #include "record/session.h"
 #include "record/split_files.h"
-#include "ring/event_queue.h"
-#include "ring/handle_private.h"
-#include "storage/writing_files.h"
+#include "ring/ring.h"
+#include "storage/card.h"
+#include "storage/quota.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
@@ -142,7 +142,7 @@ try
         stSplit.strFinal = QN_FINISH_FinalPath(*spEvent);
         return !stSplit.strFinal.empty();
     }
-    return !stSplit.strNewPath.empty() && QN_WRITING_Claim(pSession->pstHandle, stSplit.strNewPath);
+    return !stSplit.strNewPath.empty() && QN_CARD_Claim(pSession->pstHandle, stSplit.strNewPath);
 }
 catch (const std::exception &)
 {
@@ -168,7 +168,7 @@ static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, tagQN
     const std::shared_ptr<tagQN_AUTO_SPLIT_EVENT_S> spEvent = stSplit.lstEvent.front();
     spEvent->pWriter = pSession->pWriter;
     QN_SPLIT_Add(pSession->pstHandle, stSplit.lstEvent);
-    if (!QN_EVENT_TryPush(pSession->pstHandle, QN_EVENT_E_RECORD_AUTO_SPLIT, spEvent))
+    if (!QN_RING_TryPush(pSession->pstHandle, QN_EVENT_E_RECORD_AUTO_SPLIT, spEvent))
     {
         QN_SPLIT_Remove(pSession->pstHandle, spEvent);
         return false;
@@ -193,7 +193,7 @@ static bool SwapFilesLocked(tagQN_RECORD_HANDLER_S *pSession, time_t tNow, tagQN
 static QN_SPLIT_E SplitLocked(tagQN_RECORD_HANDLER_S *pSession, tagQN_FRAME_S &stFrame, time_t tNow)
 {
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
-    if (!QN_EVENT_HasRoom(pHandle))
+    if (!QN_RING_HasRoom(pHandle))
     {
         return QN_SPLIT_E_RING_FULL;
     }
@@ -207,7 +207,7 @@ static QN_SPLIT_E SplitLocked(tagQN_RECORD_HANDLER_S *pSession, tagQN_FRAME_S &s
     {
         if (!stSplit.bSamePath)
         {
-            QN_WRITING_Release(pHandle, stSplit.strNewPath);
+            QN_CARD_Release(pHandle, stSplit.strNewPath);
         }
         return QN_SPLIT_E_RING_FULL;
     }
@@ -218,7 +218,7 @@ static QN_SPLIT_E SplitLocked(tagQN_RECORD_HANDLER_S *pSession, tagQN_FRAME_S &s
 static void WaitForRoom(tagQN_RECORD_HANDLER_S *pSession, UTIL_LOCK &lock)
 {
     lock.reset();
-    QN_EVENT_WaitForRoom(pSession->pstHandle);
+    QN_RING_WaitForRoom(pSession->pstHandle);
     lock = UTIL_LOCK_Scoped(pSession->stMutex);
 }
 
@@ -247,7 +247,7 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
     }
     const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
-    const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(pSession->enVolumeId);
+    const std::shared_ptr<void> spVolume = QN_QUOTA_MakePayload(pSession->enVolumeId);
     if (spVolume == nullptr)
     {
         return QN_RET_OK; // a frame that there is no memory for is dropped before it begins or splits anything
@@ -269,8 +269,8 @@ uint32_t QN_RecordWriteFrame(tagQN_RECORD_HANDLER_S *pSession, unsigned char *pu
         tNow = time(nullptr); // state, writer and split are looked at anew
     }
     WriteLocked(pSession, stFrame);
-    QN_EVENT_PushUnlocking(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume, lock);
-    if (pHandle->pstPrivate->bNoDispatcher)
+    QN_RING_PushUnlocking(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume, lock);
+    if (!QN_RING_HasTaker(pHandle))
     {
         lock.reset();
         QN_SPLIT_FinishAll(pHandle, pSession); // nobody else will, before the session is destroyed

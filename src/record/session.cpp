@@ -1,6 +1,7 @@
-// Record sessions: made, started, paused, resumed, stopped, measured.
-// Threads: the host's. Locks: a session's stMutex; the card gate, shared, around a start; mutexWriter as a leaf around
-// the writer. Not here: destroying (session_destroy.cpp), frames (frame.cpp), finishing files (finish.cpp).
+// Record sessions: made, paused, resumed, stopped, measured.
+// Threads: the host's; the event thread in QN_RECORD_StopAll. Locks: a session's stMutex; mutexWriter as a leaf around
+// the writer. Not here: starting (start.cpp), destroying (session_destroy.cpp), frames (frame.cpp), finishing
+// (finish.cpp).
 
 #include "record/session.h"
 
@@ -10,21 +11,15 @@
 #include <time.h>
 
 #include "libquarrin/naming.h"
-#include "ring/handle_private.h"
+#include "storage/card.h"
 #include "storage/new_file.h"
 #include "storage/volume_folder.h"
-#include "storage/writing_files.h"
 #include "util/lock.h"
 #include "util/log.h"
-#include "util/pause.h"
 #include "util/results.h"
 
 namespace libquarrin
 {
-
-// A start whose name is taken waits for the next second; a clock that stands still must not hold it for good.
-constexpr useconds_t NAME_PAUSE_US = 10000;
-constexpr int64_t STANDING_US = 3000000;
 
 static tagQN_RECORD_HANDLER_S *Allocate()
 {
@@ -173,149 +168,23 @@ void *QN_RECORD_TakeWriterLocked(tagQN_RECORD_HANDLER_S *pSession)
     return pWriter;
 }
 
-static void ReleasePathLocked(tagQN_RECORD_HANDLER_S *pSession)
+void QN_RECORD_ReleasePathLocked(tagQN_RECORD_HANDLER_S *pSession)
 {
     if (pSession->pstPrivate->bPathClaimed)
     {
         pSession->pstPrivate->bPathClaimed = false;
-        QN_WRITING_Release(pSession->pstHandle, pSession->strFilePath);
+        QN_CARD_Release(pSession->pstHandle, pSession->strFilePath);
     }
 }
 
-// Opens the first file under the name that the caller has claimed. Locks held: card gate, stMutex.
-static uint32_t OpenFirstFileLocked(tagQN_RECORD_HANDLER_S *pSession)
+void QN_RECORD_StopAll(tagQN_HANDLER_S *pHandle)
 {
-    QN_RECORD_ForgetVideoLocked(pSession);
-    void *pWriter = QN_RECORD_OpenWriterLocked(pSession);
+    const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexRecordList);
+    for (tagQN_RECORD_HANDLER_S *pSession : pHandle->lstRecord)
     {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->pstPrivate->mutexWriter);
-        pSession->pWriter = pWriter;
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
+        pSession->enRecordState = QN_RECORD_STATE_STOPPING;
     }
-    if (pWriter == nullptr)
-    {
-        ReleasePathLocked(pSession);
-        return QN_RET_OPEN;
-    }
-    pSession->enRecordState = QN_RECORD_STATE_WAIT_KEY;
-    QN_LOG_INFO_AS("QN_RecordStart", "record start");
-    return QN_RET_OK;
-}
-
-/// One call of QN_RecordStart.
-struct tagQN_START_S
-{
-    const char *pszNameTag;
-    uint32_t u32Stops;  ///< of the session, before the call began
-    bool bFirstTry;     ///< the name was not tried yet
-    time_t tTried;      ///< second of the latest try
-    int64_t s64SinceUs; ///< when this second was first seen, CLOCK_MONOTONIC
-};
-
-static bool IsMounted(const tagQN_RECORD_HANDLER_S *pSession)
-{
-    if (pSession->pstHandle->enState.load() != QN_STATE_E_MOUNTED)
-    {
-        QN_LOG_ERROR_AS("QN_RecordStart", "Cannot start record, storage is not mounted");
-        return false;
-    }
-    return true;
-}
-
-// One try at a start. False: another file in progress has the name of this second.
-static bool TryStart(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart, uint32_t &u32Result)
-{
-    tagQN_HANDLER_S *pHandle = pSession->pstHandle;
-    // The gate: nobody opens a file on a card whose unmount has begun.
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
-    u32Result = QN_RET_STATE;
-    if (!IsMounted(pSession))
-    {
-        return true;
-    }
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pSession->stMutex);
-    // Stopped meanwhile, or pulled: a start never begins to record after a stop has returned.
-    if (pSession->enRecordState.load() != QN_RECORD_STATE_IDLE || pSession->pstPrivate->u32Stops != stStart.u32Stops)
-    {
-        return true;
-    }
-    if (stStart.bFirstTry)
-    {
-        QN_LOG_INFO_AS("QN_RecordStart", "record opening...");
-        stStart.bFirstTry = false;
-    }
-    ReleasePathLocked(pSession);
-    stStart.tTried = time(nullptr);
-    pSession->tFileStart = stStart.tTried;
-    pSession->tRunStart = 0;
-    pSession->u32RunSeconds = 0;
-    pSession->strNameTag = stStart.pszNameTag == nullptr ? "" : stStart.pszNameTag;
-    pSession->strFilePath = QN_RECORD_PathLocked(pSession, pSession->tFileStart);
-    if (pSession->strFilePath.empty())
-    {
-        u32Result = QN_RET_NO_MEMORY;
-        return true;
-    }
-    if (!QN_WRITING_Claim(pHandle, pSession->strFilePath))
-    {
-        return false;
-    }
-    pSession->pstPrivate->bPathClaimed = true;
-    u32Result = OpenFirstFileLocked(pSession);
-    return true;
-}
-
-// Tries until a second is the session's own. One that many want may take a while; only a clock that stands still does
-// not bring another.
-static uint32_t StartInItsSecond(tagQN_RECORD_HANDLER_S *pSession, tagQN_START_S &stStart)
-{
-    uint32_t u32Result = QN_RET_OK;
-    time_t tBefore = 0;
-    while (!TryStart(pSession, stStart, u32Result))
-    {
-        const int64_t s64NowUs = UTIL_NowUs();
-        if (stStart.s64SinceUs == 0 || stStart.tTried != tBefore)
-        {
-            stStart.s64SinceUs = s64NowUs;
-        }
-        tBefore = stStart.tTried;
-        if (s64NowUs - stStart.s64SinceUs >= STANDING_US)
-        {
-            QN_LOG_ERROR_AS("QN_RecordStart",
-                            "another recording has the name of this second, and the clock stands still");
-            return QN_RET_OPEN;
-        }
-        UTIL_Pause(NAME_PAUSE_US); // holding no lock
-    }
-    return u32Result;
-}
-
-uint32_t QN_RecordStart(tagQN_RECORD_HANDLER_S *pSession, const char *pszNameTag)
-try
-{
-    if (pSession == nullptr)
-    {
-        return QN_RET_NULL_HANDLE;
-    }
-    tagQN_RECORD_PRIVATE_S *pPrivate = pSession->pstPrivate;
-    // Before the call counts, so that it sees every stop and destroy that does not see it.
-    tagQN_START_S stStart = {pszNameTag, pPrivate->u32Stops.load(), true, 0, 0};
-    const UTIL_CALL call = QN_RECORD_BeginCall(pSession);
-    if (!IsMounted(pSession))
-    {
-        return QN_RET_STATE;
-    }
-    // A busy session is told so without a wait for the card.
-    if (pSession->enRecordState.load() != QN_RECORD_STATE_IDLE || pPrivate->bStarting.exchange(true))
-    {
-        return QN_RET_STATE;
-    }
-    const std::unique_ptr<std::atomic<bool>, void (*)(std::atomic<bool> *)> starting(
-        &pPrivate->bStarting, [](std::atomic<bool> *pStarting) { *pStarting = false; });
-    return StartInItsSecond(pSession, stStart);
-}
-catch (const std::exception &)
-{
-    return QN_RET_NO_MEMORY; // before a name was claimed
 }
 
 uint32_t QN_RecordPause(tagQN_RECORD_HANDLER_S *pSession)
@@ -374,7 +243,7 @@ uint32_t QN_RecordStopNoLock(tagQN_RECORD_HANDLER_S *pSession, tagBU_BOOL bLock)
         (void)QN_RecordClosePostProcess(pSession, pWriter, pSession->strFilePath, pSession->tFileStart,
                                         time(nullptr)); // 0 for every writer that exists
     }
-    ReleasePathLocked(pSession);
+    QN_RECORD_ReleasePathLocked(pSession);
     pSession->enRecordState = QN_RECORD_STATE_IDLE;
     return QN_RET_OK;
 }

@@ -7,8 +7,9 @@
 #include <memory>
 
 #include "record/split_files.h"
-#include "ring/event_queue.h"
 #include "ring/handle_private.h"
+#include "ring/ring.h"
+#include "storage/quota.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
@@ -45,10 +46,10 @@ void QN_RECORD_DestroySession(tagQN_RECORD_HANDLER_S *pSession, bool bUnlink)
     tagQN_HANDLER_S *pHandle = pSession->pstHandle;
     Stop(pSession);
     QN_SPLIT_FinishAll(pHandle, pSession);
-    const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(pSession->enVolumeId);
+    const std::shared_ptr<void> spVolume = QN_QUOTA_MakePayload(pSession->enVolumeId);
     if (spVolume != nullptr) // without memory the next frame's check has to do
     {
-        QN_EVENT_Push(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume);
+        QN_RING_Push(pHandle, QN_EVENT_E_QUOTA_THROTTLE, spVolume);
     }
     // With nothing held: calls that have begun want stMutex, and the card gate, behind which an unplug may want the
     // list.
@@ -68,7 +69,7 @@ uint32_t QN_RecordDestroy(tagQN_RECORD_HANDLER_S *&pSession, tagBU_BOOL bUnlink)
     {
         return QN_RET_OK;
     }
-    const UTIL_CALL end = UTIL_CALL_Begin(pSession->pstHandle->pstPrivate->stEnds); // ends when the session is gone
+    const UTIL_CALL end = UTIL_CALL_Begin(*pSession->pstHandle->pstPrivate->pEnds); // ends when the session is gone
     QN_RECORD_DestroySession(pSession, bUnlink != 0);
     pSession = nullptr;
     return QN_RET_OK;
@@ -89,7 +90,7 @@ uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolum
     {
         return QN_RET_STATE;
     }
-    const std::shared_ptr<void> spVolume = QN_EVENT_MakeVolume(enVolume);
+    const std::shared_ptr<void> spVolume = QN_QUOTA_MakePayload(enVolume);
     if (spVolume == nullptr)
     {
         return QN_RET_NO_MEMORY;
@@ -101,7 +102,7 @@ uint32_t QN_RecordStorageUpdate(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolum
         pHandle->enStorageState = QN_STORAGE_STATE_E_NORMAL;
         return QN_RET_OK;
     }
-    QN_EVENT_Push(pHandle, QN_EVENT_E_QUOTA_UPDATE, spVolume);
+    QN_RING_Push(pHandle, QN_EVENT_E_QUOTA_UPDATE, spVolume);
     return QN_RET_OK;
 }
 

@@ -2,7 +2,7 @@
 // Threads: the host's. Locks: mutexReplay around the reader, mutexReplayList around the list, one after the other (a
 // hot-unplug nests them the other way round); the card gate, shared, while a folder is walked or a file is opened.
 
-#include "libquarrin/replay.h"
+#include "replay/replay.h"
 
 #include <cstdio>
 #include <exception>
@@ -15,9 +15,12 @@
 
 #include "libquarrin/naming.h"
 #include "media/frame_out.h"
+#include "replay/frames_out.h"
 #include "ring/handle_private.h"
+#include "storage/card.h"
 #include "storage/scan_folder.h"
 #include "storage/volume_folder.h"
+#include "util/calls.h"
 #include "util/lock.h"
 #include "util/log.h"
 #include "util/results.h"
@@ -56,7 +59,7 @@ try
     {
         return QN_RET_NULL_HANDLE;
     }
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Enter(pHandle);
     if (CheckMounted(pHandle, __func__) != QN_RET_OK)
     {
         return QN_RET_STATE;
@@ -116,14 +119,6 @@ static bool OpenReader(tagQN_REPLAY_HANDLER_S *pReplay, QN_FILE_FMT_E enFormat)
     return pReplay->pReader != nullptr;
 }
 
-// Room for the frame that may be out when an unplug takes the reader.
-static void NoteFrame(tagQN_HANDLER_S *pHandle, std::list<QN_FRAME_OUT> &lstFrame)
-{
-    tagQN_HANDLER_PRIVATE_S *pPrivate = pHandle->pstPrivate;
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    pPrivate->lstFramesOut.splice(pPrivate->lstFramesOut.end(), lstFrame);
-}
-
 // The open calls, with the card gate held.
 static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stInfo,
                           const tagQN_REPLAY_PARAM_S &stParam, tagQN_REPLAY_HANDLER_S *&pReplayHandler)
@@ -167,7 +162,7 @@ static uint32_t OpenGated(tagQN_HANDLER_S *pHandle, const tagQN_FILE_INFO_S &stI
     {
         return QN_RET_OPEN;
     }
-    NoteFrame(pHandle, lstFrame);
+    QN_FRAMES_Add(pHandle, lstFrame);
     const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
     pHandle->lstReplay.splice(pHandle->lstReplay.end(), lstNode);
     pReplayHandler = spReplay.release();
@@ -183,7 +178,7 @@ try
     {
         return QN_RET_NULL_HANDLE;
     }
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Enter(pHandle);
     return OpenGated(pHandle, stInfo, stParam, pReplayHandler);
 }
 catch (const std::exception &)
@@ -238,7 +233,7 @@ try
     {
         return QN_RET_NULL_HANDLE;
     }
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Enter(pHandle);
     if (CheckMounted(pHandle, __func__) != QN_RET_OK)
     {
         return QN_RET_STATE;
@@ -265,7 +260,7 @@ try
     {
         return QN_RET_NULL_HANDLE;
     }
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Enter(pHandle);
     if (CheckMounted(pHandle, __func__) != QN_RET_OK)
     {
         return QN_RET_STATE;
@@ -336,21 +331,31 @@ static void CloseReader(tagQN_REPLAY_HANDLER_S *pReplayHandler)
     pReplayHandler->pReader = nullptr;
 }
 
-// Frees what an unplug has left to the host.
-static void FreeFrameOut(const tagQN_REPLAY_HANDLER_S *pReplayHandler)
+// Closes a reader on a card that is gone.
+static void CloseKeepingFrame(const tagQN_REPLAY_HANDLER_S *pReplay)
 {
-    tagQN_HANDLER_PRIVATE_S *pPrivate = pReplayHandler->pHandle->pstPrivate;
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pPrivate->mutexFiles);
-    pPrivate->lstFramesOut.remove_if(
-        [pReplayHandler](const QN_FRAME_OUT &frame)
+    void *pFrame = nullptr; // stays null when the reader is a host's own: its frames are its business
+    FFREAD_KeepFrameOut(&pFrame);
+    (void)pReplay->pstMediaApi->pfnReadClose(pReplay->pReader);
+    FFREAD_KeepFrameOut(nullptr);
+    if (pFrame != nullptr)
+    {
+        QN_FRAMES_Keep(pReplay, pFrame);
+    }
+}
+
+void QN_REPLAY_CloseReaders(tagQN_HANDLER_S *pHandle)
+{
+    const UTIL_LOCK list = UTIL_LOCK_Scoped(pHandle->mutexReplayList);
+    for (tagQN_REPLAY_HANDLER_S *pReplay : pHandle->lstReplay)
+    {
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pReplay->mutexReplay);
+        if (pReplay->pReader != nullptr && pReplay->pstMediaApi->pfnReadClose != nullptr)
         {
-            if (frame.first == pReplayHandler)
-            {
-                FFREAD_FreeFrameOut(frame.second);
-                return true;
-            }
-            return false;
-        });
+            CloseKeepingFrame(pReplay);
+        }
+        pReplay->pReader = nullptr;
+    }
 }
 
 int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemove)
@@ -360,7 +365,7 @@ int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemo
         return static_cast<int32_t>(QN_RET_NULL_HANDLE);
     }
     tagQN_HANDLER_S *pHandle = pReplayHandler->pHandle;
-    const UTIL_CALL end = UTIL_CALL_Begin(pHandle->pstPrivate->stEnds); // ends when the replay is gone
+    const UTIL_CALL end = UTIL_CALL_Begin(*pHandle->pstPrivate->pEnds); // ends when the replay is gone
     CloseReader(pReplayHandler);
     UTIL_CALLS_Wait(PrivateOf(pReplayHandler)->stCalls); // they want mutexReplay alone; the list may be the caller's
     if (bRemove != 0)
@@ -369,7 +374,7 @@ int32_t QN_ReplayClose(tagQN_REPLAY_HANDLER_S *&pReplayHandler, tagBU_BOOL bRemo
         (void)puts("pReplayHandler remove");
         pHandle->lstReplay.remove(pReplayHandler);
     }
-    FreeFrameOut(pReplayHandler);
+    QN_FRAMES_Free(pReplayHandler);
     delete PrivateOf(pReplayHandler);
     QN_TRACE("delete pReplayHandler\n");
     pReplayHandler = nullptr;

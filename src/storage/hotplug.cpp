@@ -18,8 +18,10 @@
 #include <unistd.h>
 
 #include "libquarrin/storage.h"
-#include "ring/event_queue.h"
 #include "ring/handle_private.h"
+#include "ring/ring.h"
+#include "storage/device_name.h"
+#include "storage/presence.h"
 #include "util/line.h"
 #include "util/log.h"
 
@@ -87,8 +89,8 @@ int32_t QN_STORAGE_HotplugInit(tagQN_HANDLER_S *pHandle)
     (void)UTIL_LINE_Format(stName, "%s:hotplug", pHandle->strDevName.c_str());
     const char *pszName = stName.szShort; // a thread's name is short
     pHandle->s32NetlinkFd = -1;
-    QN_EVENT_NotePresence(pHandle, IsPresent(pHandle));
-    pHandle->pstPrivate->bKernelDevice = IsKernelDevice(pHandle);
+    QN_PRESENCE_Note(pHandle, IsPresent(pHandle));
+    pHandle->pstPrivate->pPresence->bKernelDevice = IsKernelDevice(pHandle);
     (void)UTIL_THREAD_InitData(&pHandle->stHotplugThread, pszName, QN_STORAGE_HotplugThread, pHandle);
     (void)UTIL_THREAD_Create(&pHandle->stHotplugThread, nullptr); // without it, plugging goes unnoticed
     QN_LOG_INFO("Thread %s start", pszName);
@@ -105,7 +107,7 @@ int32_t QN_STORAGE_HotplugDestroy(tagQN_HANDLER_S *pHandle)
 
 static bool PresenceChanged(const tagQN_HANDLER_S *pHandle)
 {
-    return IsPresent(pHandle) != pHandle->pstPrivate->bSeenPresent.load();
+    return IsPresent(pHandle) != QN_PRESENCE_Seen(pHandle);
 }
 
 static int64_t NowMs()
@@ -115,6 +117,12 @@ static int64_t NowMs()
     return static_cast<int64_t>(stNow.tv_sec) * 1000 + stNow.tv_nsec / 1000000;
 }
 
+static void Post(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
+{
+    QN_PRESENCE_PostBegins(pHandle, enEvent);
+    QN_RING_Push(pHandle, enEvent, nullptr);
+}
+
 // Uevents that came after a socket broke, or that a full socket dropped, are made up for by a look at the device. The
 // first socket needs one for a device of the kernel's alone, which may have come or gone since QN_STORAGE_Init looked:
 // of a node that the host makes itself, no uevent would have told.
@@ -122,12 +130,12 @@ static int64_t NowMs()
 // second, as an event does; a uevent of the device that comes meanwhile takes its place.
 static void PlanLook(tagQN_HANDLER_S *pHandle)
 {
-    pHandle->pstPrivate->s64LookAtMs = PresenceChanged(pHandle) ? NowMs() + SETTLE_SECONDS * 1000 : 0;
+    pHandle->pstPrivate->pPresence->s64LookAtMs = PresenceChanged(pHandle) ? NowMs() + SETTLE_SECONDS * 1000 : 0;
 }
 
 static void LookAgain(tagQN_HANDLER_S *pHandle)
 {
-    int64_t &s64LookAtMs = pHandle->pstPrivate->s64LookAtMs;
+    int64_t &s64LookAtMs = pHandle->pstPrivate->pPresence->s64LookAtMs;
     if (s64LookAtMs == 0 || NowMs() < s64LookAtMs)
     {
         return;
@@ -135,7 +143,7 @@ static void LookAgain(tagQN_HANDLER_S *pHandle)
     s64LookAtMs = 0;
     if (PresenceChanged(pHandle)) // an event may have told it meanwhile
     {
-        QN_EVENT_Push(pHandle, IsPresent(pHandle) ? QN_EVENT_E_HOTPLUG_IN : QN_EVENT_E_HOTPLUG_OUT, nullptr);
+        Post(pHandle, IsPresent(pHandle) ? QN_EVENT_E_HOTPLUG_IN : QN_EVENT_E_HOTPLUG_OUT);
     }
 }
 
@@ -169,12 +177,12 @@ static bool NamesDevice(const char *pszHeader, const std::string &strDevName)
 
 static void PostLater(tagQN_HANDLER_S *pHandle, QN_EVENT_E enEvent)
 {
-    pHandle->pstPrivate->s64LookAtMs = 0;
+    pHandle->pstPrivate->pPresence->s64LookAtMs = 0;
     struct timespec stRest = {SETTLE_SECONDS, 0};
     while (nanosleep(&stRest, &stRest) != 0 && errno == EINTR)
     {
     }
-    QN_EVENT_Push(pHandle, enEvent, nullptr);
+    Post(pHandle, enEvent);
 }
 
 static void HandleHeader(tagQN_HANDLER_S *pHandle, const char *pszHeader)
@@ -229,12 +237,13 @@ void QN_STORAGE_HotplugThread(void *pArg)
             return;
         }
         QN_TRACE("[%s:%d] netlink listen fd=%d\n", __func__, LISTEN_MESSAGE_LINE, pHandle->s32NetlinkFd);
-        if (pHandle->pstPrivate->bListened || pHandle->pstPrivate->bKernelDevice || IsKernelDevice(pHandle))
+        if (pHandle->pstPrivate->pPresence->bListened || pHandle->pstPrivate->pPresence->bKernelDevice ||
+            IsKernelDevice(pHandle))
         {
             PlanLook(pHandle);
         }
     }
-    pHandle->pstPrivate->bListened = true;
+    pHandle->pstPrivate->pPresence->bListened = true;
     LookAgain(pHandle);
     const int32_t s32Ready = WaitReadable(pHandle->s32NetlinkFd);
     if (s32Ready < 0 && errno != EINTR)

@@ -1,5 +1,5 @@
 // Quota: keeps the files of one volume below its quota, by deleting the oldest or by declaring the storage full.
-// Threads: event thread. Locks: the card gate, shared; mutexFiles as a leaf; the full flag is atomic. Not here: listing
+// Threads: event thread. Locks: the card gate, shared; mutexQuota as a leaf; the full flag is atomic. Not here: listing
 // files (catalogue.cpp).
 
 #include "libquarrin/quota.h"
@@ -14,12 +14,11 @@
 #include "libquarrin/naming.h"
 #include "libquarrin/storage.h"
 #include "ring/handle_private.h"
-#include "storage/card_commands.h"
-#include "storage/quota_again.h"
+#include "storage/card.h"
+#include "storage/quota.h"
 #include "storage/scan_folder.h"
 #include "storage/texts.h"
 #include "storage/volume_folder.h"
-#include "storage/writing_files.h"
 #include "util/line.h"
 #include "util/lock.h"
 #include "util/log.h"
@@ -41,6 +40,16 @@ struct tagQN_QUOTA_SUM_S
     uint64_t u64Used;
     uint32_t u32Reserve;
 };
+
+std::shared_ptr<void> QN_QUOTA_MakePayload(QN_VOLUME_ID_E enVolume)
+try
+{
+    return std::make_shared<QN_VOLUME_ID_E>(enVolume);
+}
+catch (const std::exception &)
+{
+    return nullptr;
+}
 
 static bool IsVolume(QN_VOLUME_ID_E enVolume)
 {
@@ -112,7 +121,7 @@ try
             break;
         }
         // Deleting a file that is being written frees nothing and loses the recording; so nobody begins it meanwhile.
-        const QN_CLAIM claim = QN_WRITING_ClaimScoped(pHandle, stFile.strPath);
+        const QN_CLAIM claim = QN_CARD_ClaimScoped(pHandle, stFile.strPath);
         if (claim == nullptr)
         {
             continue;
@@ -142,8 +151,8 @@ static bool StoreFull(tagQN_HANDLER_S *pHandle, const tagQN_VOLUME_PARAM_S &stVo
 // When the volume is to be checked again because nobody knows how large its file system is; 0: it is not.
 static void SetAgain(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, int64_t s64AgainUs)
 {
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-    pHandle->pstPrivate->as64QuotaAgainUs[enVolume] = s64AgainUs;
+    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->pQuota->mutexQuota);
+    pHandle->pstPrivate->pQuota->as64AgainUs[enVolume] = s64AgainUs;
 }
 
 // The files of an open folder. False: no memory.
@@ -208,7 +217,7 @@ int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     {
         return 0;
     }
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Enter(pHandle);
     CheckGated(pHandle, enVolume);
     return 0;
 }
@@ -216,7 +225,7 @@ int32_t QN_STORAGE_QuotaCheck(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
 // A check that is made on a mounted card or not at all: an unmount may have come first.
 static void CheckMounted(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
 {
-    const UTIL_RWLOCK card = UTIL_LOCK_Shared(pHandle->pstPrivate->rwCard);
+    const UTIL_RWLOCK card = QN_CARD_Enter(pHandle);
     if (pHandle->enState.load() != QN_STATE_E_MOUNTED || QN_CARD_IsUnmounted(pHandle))
     {
         SetAgain(pHandle, enVolume, 0);
@@ -241,8 +250,8 @@ void QN_QUOTA_CheckAgain(tagQN_HANDLER_S *pHandle)
     const int64_t s64NowUs = UTIL_NowUs();
     int32_t s32Due = -1; // the volume that waits longest
     {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-        const int64_t *ps64Again = pHandle->pstPrivate->as64QuotaAgainUs;
+        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->pQuota->mutexQuota);
+        const int64_t *ps64Again = pHandle->pstPrivate->pQuota->as64AgainUs;
         for (int32_t i = 0; i < QN_VOLUME_COUNT; ++i)
         {
             const bool bDue = ps64Again[i] != 0 && ps64Again[i] <= s64NowUs;

@@ -8,8 +8,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "ring/handle_private.h"
-#include "util/lock.h"
+#include "storage/card.h"
 #include "util/log.h"
 
 namespace libquarrin
@@ -85,14 +84,9 @@ static QN_VOLUME_FOLDER_E Walk(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E en
 // Says why a folder is refused, unless that was said since the card was mounted.
 static void Tell(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, const char *pszWhy)
 {
+    if (!QN_CARD_MayTellRefusal(pHandle, enVolume))
     {
-        const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-        bool &bTold = pHandle->pstPrivate->abRefusalTold[enVolume];
-        if (bTold)
-        {
-            return;
-        }
-        bTold = true;
+        return;
     }
     QN_LOG_ERROR_AS("QN_VOLUME_OpenFolder", "folder %s/%s is refused: %s", pHandle->pszMountPoint.c_str(),
                     pHandle->astVolume[enVolume].pszFolder.c_str(), pszWhy);
@@ -141,15 +135,6 @@ bool QN_VOLUME_MayBeMade(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume)
     }
     Tell(pHandle, enVolume, pszWhy);
     return false;
-}
-
-void QN_VOLUME_NewMount(tagQN_HANDLER_S *pHandle)
-{
-    const UTIL_LOCK lock = UTIL_LOCK_Scoped(pHandle->pstPrivate->mutexFiles);
-    for (bool &bTold : pHandle->pstPrivate->abRefusalTold)
-    {
-        bTold = false;
-    }
 }
 
 } // namespace libquarrin

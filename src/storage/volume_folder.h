@@ -1,6 +1,6 @@
 // The test of a volume's folder: a real directory on the file system of the mount point. The card is data from a
 // stranger, and a link in place of the folder would lead out of it.
-// Threads: any. Locks: mutexFiles as a leaf. Call it under the card gate, or where an unmount has to wait in another
+// Threads: any. Locks: mutexCard as a leaf. Call it under the card gate, or where an unmount has to wait in another
 // way: what is open below the mount point makes an unmount fail.
 #ifndef QUARRIN_STORAGE_VOLUME_FOLDER_H
 #define QUARRIN_STORAGE_VOLUME_FOLDER_H
@@ -44,9 +44,6 @@ bool QN_VOLUME_IsStill(const tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume, 
 
 /// `mkdir -p` for the volume would follow no link: all components but the last are good or missing.
 bool QN_VOLUME_MayBeMade(tagQN_HANDLER_S *pHandle, QN_VOLUME_ID_E enVolume);
-
-/// A card is being mounted: refusals are told again.
-void QN_VOLUME_NewMount(tagQN_HANDLER_S *pHandle);
 
 } // namespace libquarrin
 

@@ -3,7 +3,7 @@
 #include "world.h"
 
 #include "chance.h"
-#include "ring/handle_private.h"
+#include "record/session.h"
 #include "slots.h"
 #include "support/streams.h"
 #include "support/wait.h"

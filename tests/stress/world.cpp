@@ -6,7 +6,11 @@
 
 #include "chance.h"
 #include "kernel.h"
+#include "record/split_files.h"
+#include "replay/frames_out.h"
 #include "ring/handle_private.h"
+#include "ring/ring.h"
+#include "storage/card.h"
 #include "support/process.h"
 #include "support/wait.h"
 #include "watch.h"
@@ -111,16 +115,20 @@ static std::string WhatIsLeft(WORLD_S &stWorld)
     };
     pthread_mutex_lock(&pHandle->mutexEvent);
     note(pHandle->u32EventCount > 0, "events");
-    note(pPrivate->bDispatching, "handler");
-    note(!pPrivate->lstOwnEvents.empty(), "own-events");
-    note(pPrivate->u32Producers > 0, "producers");
+    note(pPrivate->pRing->bTaken, "handler");
+    note(!pPrivate->pRing->lstOwnEvents.empty(), "own-events");
+    note(pPrivate->pRing->u32Producers > 0, "producers");
     pthread_mutex_unlock(&pHandle->mutexEvent);
-    pthread_mutex_lock(&pPrivate->mutexFiles);
-    note(!pPrivate->lstWriting.empty(), "claimed-names");
-    note(!pPrivate->lstSplits.empty(), "split-files");
-    note(!pPrivate->lstFramesOut.empty(), "frames");
-    note(pPrivate->u32Commands > 0, "commands");
-    pthread_mutex_unlock(&pPrivate->mutexFiles);
+    pthread_mutex_lock(&pPrivate->pCard->mutexCard);
+    note(!pPrivate->pCard->lstWriting.empty(), "claimed-names");
+    note(pPrivate->pCard->u32Commands > 0, "commands");
+    pthread_mutex_unlock(&pPrivate->pCard->mutexCard);
+    pthread_mutex_lock(&pPrivate->pSplits->mutexSplits);
+    note(!pPrivate->pSplits->lstSplits.empty(), "split-files");
+    pthread_mutex_unlock(&pPrivate->pSplits->mutexSplits);
+    pthread_mutex_lock(&pPrivate->pFramesOut->mutexFrames);
+    note(!pPrivate->pFramesOut->lstFrames.empty(), "frames");
+    pthread_mutex_unlock(&pPrivate->pFramesOut->mutexFrames);
     pthread_mutex_lock(&pHandle->mutexRecordList);
     note(!pHandle->lstRecord.empty(), "sessions");
     pthread_mutex_unlock(&pHandle->mutexRecordList);
@@ -182,7 +190,7 @@ static std::vector<std::weak_ptr<void>> Payloads(tagQN_HANDLER_S *pHandle)
     {
         vecPayloads.emplace_back(stSlot.spPayload);
     }
-    for (const tagQN_EVENT_SLOT_S &stEvent : pHandle->pstPrivate->lstOwnEvents)
+    for (const tagQN_EVENT_SLOT_S &stEvent : pHandle->pstPrivate->pRing->lstOwnEvents)
     {
         vecPayloads.emplace_back(stEvent.spPayload);
     }

@@ -1,5 +1,5 @@
 // The tables of media back ends, in slot order.
-// Threads: any, constant data. Locks: none. Not here: the functions (src/media).
+// Threads: any, constant data. Locks: none.
 
 #include "libquarrin/media.h"
 
