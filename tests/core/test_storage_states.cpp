@@ -264,8 +264,9 @@ TEST_F(StorageStates, IgnoreTheEndOfAFormatThatDoesNotRun)
 
 TEST_F(StorageStates, AreNoMatterOfAHandlersResult)
 {
-    m_stParam.astVolume[0].bEnable = 0;
-    InitUnplugged();
+    ASSERT_NO_FATAL_FAILURE(InitWithoutEventThread()); // the test is what dispatches
+    unlink(m_strPartition.c_str());
+    unlink(m_strDevice.c_str());
     EXPECT_EQ(0, QN_EVENT_HandleHotplugIn(m_pHandle)); // no device
     TEST_Touch(m_strDevice);
     EXPECT_EQ(0, QN_EVENT_HandleHotplugIn(m_pHandle)); // no partition
