@@ -203,3 +203,23 @@ TEST_F(GreedyMatroska, ListsOfPlacesThatNameOneAnother)
     }
     ExpectModest(Mkv(SeekTo(0x114d9b74, chain - segment), strChain + strTags), QN_FILE_FMT_E_MKV, "a chain");
 }
+
+TEST_F(GreedyMatroska, CuesThatAreNamedTwice)
+{
+    const std::string strCues = El(0x1c53bb6b, Cue(0, 0) + Cue(1, 1));
+    const std::string strFile = Mkv(Repeat(SeekTo(0x1c53bb6b, 0), 2), strCues);
+    const std::string strSeek = SeekTo(0x1c53bb6b, strFile.rfind(strCues) - SegmentOf(strFile));
+    EXPECT_TRUE(Opens(Mkv(strSeek + strSeek, strCues)));
+}
+
+TEST_F(GreedyMatroska, ACueOfVeryManyParts)
+{
+    EXPECT_FALSE(Opens(Mkv(El(0x1c53bb6b, El(0xbb, Repeat("\xec\x80", 1500000))))));
+}
+
+TEST_F(GreedyMatroska, EncryptedFrames)
+{
+    // They are not unpacked: nothing stands for more than it is.
+    EXPECT_TRUE(Opens(Mkv("", "", MkvTrack(1, El(0x6d80, El(0x6240, Small(0x5033, Num(1, 1))))))));
+    EXPECT_FALSE(Opens(Mkv("", "", MkvTrack(1, El(0x6d80, El(0x6240, Small(0x5033, Num(0, 1))))))));
+}

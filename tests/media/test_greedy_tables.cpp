@@ -73,6 +73,12 @@ TEST_F(GreedyTables, AreFoundBehindALongBox)
     ExpectRefused(strLong + Mp4(Track(TrackOf(58000000))), QN_FILE_FMT_E_MP4, "a movie of millions");
 }
 
+TEST_F(GreedyTables, EndAtABoxThatIsShorterThanItsHead)
+{
+    ExpectModest(Mp4(Track(TRACK_S())) + W(7) + "free" + std::string(1000, '\0'), QN_FILE_FMT_E_MP4,
+                 "a box of seven bytes", true);
+}
+
 TEST_F(GreedyTables, AreCountedForAllTracksTogether)
 {
     TRACK_S st = TrackOf(600);
