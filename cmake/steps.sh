@@ -12,7 +12,7 @@ passed=0 failed=0 skipped=0 broken=
 # shellcheck disable=SC2034 # for the scripts that source this
 build_tools="cmake ninja-build pkg-config"
 # shellcheck disable=SC2034
-test_tools="ffmpeg mount util-linux fdisk e2fsprogs dosfstools abigail-tools busybox|busybox-static
+test_tools="ffmpeg git mount util-linux fdisk e2fsprogs dosfstools abigail-tools busybox|busybox-static
     python3"
 
 say()
