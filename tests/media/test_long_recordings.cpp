@@ -56,7 +56,7 @@ std::string Picture()
 // A list of numbers of so many bytes each.
 std::string Numbers(uint64_t u64Count, int32_t s32Bytes, const std::function<uint64_t(uint64_t)> &fnNumber)
 {
-    std::string str(u64Count * static_cast<size_t>(s32Bytes), '\0');
+    std::string str(static_cast<size_t>(u64Count) * static_cast<size_t>(s32Bytes), '\0');
     size_t at = 0;
     for (uint64_t i = 0; i < u64Count; ++i)
     {
@@ -122,7 +122,7 @@ TEST_F(LongRecordings, AMatroskaOfADayWithACueEachSecond)
         std::string str;
         for (uint64_t i = 1; i < SECONDS; ++i)
         {
-            const std::string strPlace = Small(0xf1, Num(first + vecPlaces[i - 1], 4));
+            const std::string strPlace = Small(0xf1, Num(first + vecPlaces[static_cast<size_t>(i - 1)], 4));
             str += Small(0xbb, Small(0xb3, Num(i * 1000, 4)) + Small(0xb7, Small(0xf7, Num(1, 1)) + strPlace) +
                                    Small(0xb7, Small(0xf7, Num(2, 1)) + strPlace));
         }
