@@ -132,9 +132,10 @@ TEST_F(LongRecordings, AMatroskaOfADayWithACueEachSecond)
     {
         return El(0x114d9b74, Small(0x4dbb, Small(0x53ab, W(0x1c53bb6b)) + Small(0x53ac, W(u64Place))));
     };
+    // By its first bytes: a sanitizer looks at all that a comparison might look at.
     const auto Place = [](const std::string &strFile, const std::string &strPart)
     {
-        return strFile.rfind(strPart) - strFile.find(W(0x18538067)) - 12;
+        return strFile.find(strPart.substr(0, 64)) - strFile.find(W(0x18538067)) - 12;
     };
 
     const std::string strInFront = Mkv(Cues(0), strClusters, strTracks);
