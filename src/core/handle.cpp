@@ -96,29 +96,30 @@ static void FreeParts(tagQN_HANDLER_PRIVATE_S *pPrivate)
     delete pPrivate;
 }
 
-/// The private records until the handle owns them.
-using QN_PARTS = std::unique_ptr<tagQN_HANDLER_PRIVATE_S, void (*)(tagQN_HANDLER_PRIVATE_S *)>;
-
-// Empty: no memory.
-static QN_PARTS MakeParts(tagQN_HANDLER_S *pHandle)
+// Null: no memory.
+static tagQN_HANDLER_PRIVATE_S *MakeParts(tagQN_HANDLER_S *pHandle)
 {
-    QN_PARTS parts(new (std::nothrow) tagQN_HANDLER_PRIVATE_S(), FreeParts);
-    if (parts == nullptr)
+    tagQN_HANDLER_PRIVATE_S *pPrivate = new (std::nothrow) tagQN_HANDLER_PRIVATE_S();
+    if (pPrivate == nullptr)
     {
-        return parts;
+        return nullptr;
     }
-    parts->pRing = QN_RING_New();
-    parts->pPresence = new (std::nothrow) tagQN_PRESENCE_S();
-    parts->pCard = QN_CARD_New();
-    parts->pQuota = new (std::nothrow) tagQN_QUOTA_S();
-    parts->pSplits = new (std::nothrow) tagQN_SPLITS_S();
-    parts->pFramesOut = new (std::nothrow) tagQN_FRAMES_OUT_S();
-    parts->pFormats = QN_FORMAT_New(pHandle);
-    parts->pEnds = new (std::nothrow) UTIL_CALLS_S();
-    const bool bAll = parts->pRing != nullptr && parts->pPresence != nullptr && parts->pCard != nullptr &&
-                      parts->pQuota != nullptr && parts->pSplits != nullptr && parts->pFramesOut != nullptr &&
-                      parts->pFormats != nullptr && parts->pEnds != nullptr;
-    return bAll ? std::move(parts) : QN_PARTS(nullptr, FreeParts);
+    pPrivate->pRing = QN_RING_New();
+    pPrivate->pPresence = new (std::nothrow) tagQN_PRESENCE_S();
+    pPrivate->pCard = QN_CARD_New();
+    pPrivate->pQuota = new (std::nothrow) tagQN_QUOTA_S();
+    pPrivate->pSplits = new (std::nothrow) tagQN_SPLITS_S();
+    pPrivate->pFramesOut = new (std::nothrow) tagQN_FRAMES_OUT_S();
+    pPrivate->pFormats = QN_FORMAT_New(pHandle);
+    pPrivate->pEnds = new (std::nothrow) UTIL_CALLS_S();
+    if (pPrivate->pRing == nullptr || pPrivate->pPresence == nullptr || pPrivate->pCard == nullptr ||
+        pPrivate->pQuota == nullptr || pPrivate->pSplits == nullptr || pPrivate->pFramesOut == nullptr ||
+        pPrivate->pFormats == nullptr || pPrivate->pEnds == nullptr)
+    {
+        FreeParts(pPrivate);
+        return nullptr;
+    }
+    return pPrivate;
 }
 
 // The handle's own parameters. False: no memory.
@@ -151,12 +152,11 @@ uint32_t QN_Init(tagQN_STORAGE_PARAM_S *pParam, tagQN_HANDLER_S *&pHandle)
     {
         return QN_RET_NO_MEMORY;
     }
-    QN_PARTS parts = MakeParts(spHandle.get());
-    if (parts == nullptr)
+    spHandle->pstPrivate = MakeParts(spHandle.get());
+    if (spHandle->pstPrivate == nullptr)
     {
         return QN_RET_NO_MEMORY;
     }
-    spHandle->pstPrivate = parts.release();
     pHandle = spHandle.release();
     (void)QN_EVENT_Init(pHandle); // failures of both show in the log and in the state
     (void)QN_STORAGE_Init(pHandle);
