@@ -191,6 +191,7 @@ static void Write(tagTOOL_RECORDING_S &stRecording, tagTOOL_FRAME_S &stFrame)
                                           static_cast<uint32_t>(stFrame.vecData.size()), u64Pts, stFrame.bKey ? 1 : 0,
                                           stFrame.bVideo ? 1 : 0); // what went wrong shows in bytes and state
     stRecording.stWatch.u64Frames++;
+    stRecording.stWatch.au64Fed[stFrame.bVideo ? 1 : 0]++;
     TOOL_WATCH_NoteFile(stRecording.stWatch);
     if (stRecording.stWatch.vecPaths.size() != uFiles)
     {

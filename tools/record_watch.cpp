@@ -3,8 +3,10 @@
 
 #include "record_watch.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -15,6 +17,7 @@
 static constexpr std::chrono::milliseconds WATCH_INTERVAL{250};
 // Matroska writes a cluster at a time, after five seconds at the latest, so a file may stand still for that long.
 static constexpr std::chrono::seconds WATCH_PATIENCE{8};
+static constexpr std::chrono::seconds WATCH_INTERLEAVE{10}; // so long FFmpeg lets one stream wait for the other
 // The library asks again every second how large the file system is, and drops the frames until it knows.
 static constexpr std::chrono::seconds WATCH_QUERY{4};
 
@@ -30,7 +33,6 @@ void TOOL_WATCH_Begin(tagTOOL_WATCH_S &stWatch, libquarrin::tagQN_HANDLER_S *pHa
         stWatch.stInode = stStat.st_ino;
     }
     stWatch.stLastLook = std::chrono::steady_clock::now();
-    stWatch.stLastGrowth = stWatch.stLastLook;
     stWatch.stLastRoom = stWatch.stLastLook;
     TOOL_WATCH_NoteFile(stWatch);
 }
@@ -97,11 +99,41 @@ static void LookForGrowth(tagTOOL_WATCH_S &stWatch)
     const int64_t s64Bytes = libquarrin::QN_REcordGetWriteBytes(stWatch.pSession);
     if (s64OnDisk != stWatch.s64OnDisk && s64OnDisk >= 0 && s64Bytes >= 0)
     {
-        stWatch.stLastGrowth = stWatch.stLastLook;
-        stWatch.u64FramesAtGrowth = stWatch.u64Frames;
+        std::copy(std::begin(stWatch.au64Fed), std::end(stWatch.au64Fed), std::begin(stWatch.au64FedAtGrowth));
+        stWatch.stAnyFed = {};
+        stWatch.stAllFed = {};
     }
     stWatch.s64OnDisk = s64OnDisk;
     stWatch.s64Bytes = s64Bytes;
+}
+
+/// When a condition was first seen to hold; kept as long as the file does not grow.
+static bool HoldsFor(bool bHolds, std::chrono::steady_clock::time_point stNow, std::chrono::seconds stPatience,
+                     std::chrono::steady_clock::time_point &stSince)
+{
+    if (bHolds && stSince == std::chrono::steady_clock::time_point())
+    {
+        stSince = stNow;
+    }
+    return bHolds && stNow - stSince > stPatience;
+}
+
+/// Frames came, and the file does not grow. Frames of one stream alone wait in FFmpeg for the other's, which may be those
+/// of a slow encoder: that is not the storage's fault.
+static bool IsStuck(tagTOOL_WATCH_S &stWatch)
+{
+    const libquarrin::tagQN_RECORD_PARAM_S &stParam = stWatch.pSession->stParam;
+    const bool abEnabled[2] = {stParam.stAudio.bEnable != 0, stParam.stVideo.bEnable != 0};
+    bool bAny = false;
+    bool bAll = true;
+    for (size_t u = 0; u < 2; u++)
+    {
+        const bool bFed = stWatch.au64Fed[u] > stWatch.au64FedAtGrowth[u];
+        bAny = bAny || bFed;
+        bAll = bAll && (bFed || !abEnabled[u]);
+    }
+    const bool bAllWait = HoldsFor(bAny && bAll, stWatch.stLastLook, WATCH_PATIENCE, stWatch.stAllFed);
+    return HoldsFor(bAny, stWatch.stLastLook, WATCH_PATIENCE + WATCH_INTERLEAVE, stWatch.stAnyFed) || bAllWait;
 }
 
 std::string TOOL_WATCH_Look(tagTOOL_WATCH_S &stWatch)
@@ -129,8 +161,5 @@ std::string TOOL_WATCH_Look(tagTOOL_WATCH_S &stWatch)
     {
         return "not growing: the next file could not be opened";
     }
-    // A frame that waits for the input is not the storage's fault, so frames must have come as well.
-    const bool bFed = stWatch.u64Frames > stWatch.u64FramesAtGrowth;
-    return bFed && stNow - stWatch.stLastGrowth > WATCH_PATIENCE ? "not growing: the file does not take the frames"
-                                                                 : "";
+    return IsStuck(stWatch) ? "not growing: the file does not take the frames" : "";
 }

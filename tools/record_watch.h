@@ -17,16 +17,18 @@ struct tagTOOL_WATCH_S
     dev_t stDevice = 0;                                     ///< of the folder, as it was at the begin
     ino_t stInode = 0;                                      ///< the same
     std::chrono::steady_clock::time_point stLastLook;       ///< the last look
-    std::chrono::steady_clock::time_point stLastGrowth;     ///< when the file was seen to grow
+    std::chrono::steady_clock::time_point stAnyFed;         ///< first look that saw a frame come since the file grew
+    std::chrono::steady_clock::time_point stAllFed;         ///< the same of frames of every stream
     std::chrono::steady_clock::time_point stLastRoom;       ///< when there was room, or nobody knew
     uint64_t u64Frames = 0;                                 ///< handed in so far; the recording counts them
-    uint64_t u64FramesAtGrowth = 0;                         ///< as they were at stLastGrowth
-    int64_t s64Bytes = 0;                                   ///< written into the current file, for the progress line
-    int64_t s64OnDisk = -1;                                 ///< size of the current file as the file system has it
-    bool bFull = false;                                     ///< the library declared the storage full
-    bool bSizeUnknown = false;                              ///< it was said that the file system does not tell its size
-    std::string strWarning;                                 ///< what is to be said, once; the recording goes on
-    std::vector<std::string> vecPaths;                      ///< in-progress paths of all files, the current one last
+    uint64_t au64Fed[2] = {};          ///< the same of sound and of video; the recording counts them
+    uint64_t au64FedAtGrowth[2] = {};  ///< as they were when the file was seen to grow
+    int64_t s64Bytes = 0;              ///< written into the current file, for the progress line
+    int64_t s64OnDisk = -1;            ///< size of the current file as the file system has it
+    bool bFull = false;                ///< the library declared the storage full
+    bool bSizeUnknown = false;         ///< it was said that the file system does not tell its size
+    std::string strWarning;            ///< what is to be said, once; the recording goes on
+    std::vector<std::string> vecPaths; ///< in-progress paths of all files, the current one last
 };
 
 /// Begins to watch a session that was just started.

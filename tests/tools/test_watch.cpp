@@ -150,3 +150,32 @@ TEST_F(Watch, EndsARecordingAtOnceWhoseBytesAreTaken)
     ASSERT_TRUE(WaitForState(libquarrin::QN_STORAGE_STATE_E_FULL));
     EXPECT_EQ("storage full", Look(1000));
 }
+
+TEST_F(Watch, CallsAFileStuckThatTakesNoFrameOfAnyStream)
+{
+    using namespace std::chrono_literals;
+    ASSERT_NO_FATAL_FAILURE(Begin(100000000, 0));
+    const auto Look = [this]
+    {
+        m_stWatch.stLastLook = {}; // at once
+        return TOOL_WATCH_Look(m_stWatch);
+    };
+    EXPECT_EQ("", Look()); // sees what the begin wrote
+    m_stWatch.au64Fed[0] = 1;
+    EXPECT_EQ("", Look()) << "the frame has just come, however long there was none";
+    m_stWatch.stAllFed -= 9s;
+    EXPECT_EQ("not growing: the file does not take the frames", Look());
+
+    m_stWatch.pSession->stParam.stVideo.bEnable = 1; // sound may wait for the pictures of a slow encoder
+    EXPECT_EQ("", Look());
+    m_stWatch.stAnyFed -= 9s;
+    EXPECT_EQ("", Look());
+    m_stWatch.stAnyFed -= 10s;
+    EXPECT_EQ("not growing: the file does not take the frames", Look()) << "not for good";
+    m_stWatch.stAnyFed += 19s;
+    m_stWatch.au64Fed[1] = 1;
+    EXPECT_NE("", Look()) << "pictures came";
+    m_stWatch.s64OnDisk = 12345; // another size than before: it grows
+    EXPECT_EQ("", Look());
+    m_stWatch.pSession->stParam.stVideo.bEnable = 0;
+}
